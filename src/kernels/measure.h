@@ -1,0 +1,19 @@
+// Measurement kernels: how much signal a superpixel carries, predicted from
+// its untouched border.
+#pragma once
+
+#include <cstdint>
+
+namespace lumamark {
+
+// Sum of the residuals of every inner pixel against its best border
+// prediction (32-bit, wrapping). Borders below 1 mean max(size / 8, 1).
+int32_t signal_measure(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, int32_t sp_h,
+                       int32_t stride, int32_t spb_w, int32_t spb_h);
+
+// out[r * cols + c] = signal_measure of superpixel (c, r). Nothing is done when
+// cols or rows is below 1.
+void signal_measure_grid(const uint8_t* luma, int32_t cols, int32_t rows, int32_t* out,
+                         int32_t stride, int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h);
+
+}  // namespace lumamark
