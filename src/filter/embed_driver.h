@@ -9,6 +9,15 @@
 
 namespace lumamark {
 
+// What a worker found for one embedded superpixel, kept until the driver
+// writes the log entries in superpixel order.
+struct EmbedRecord {
+  int32_t value;     // embedded value (map byte minus strength)
+  int32_t signal;    // result of the last embed_superpixel call
+  int32_t extr;      // signal_measure of the superpixel after embedding
+  int32_t embedded;  // 1 when the superpixel was embedded in this frame, else 0
+};
+
 struct EmbedTask {
   uint8_t* luma;              // first luma sample of the frame, modified in place
   int32_t width;              // frame width in pixels
@@ -34,6 +43,7 @@ struct EmbedTask {
   int32_t first;              // first superpixel index of this worker's range
   int32_t end;                // one past the last index of the range
   EmbedLog* log;              // embedding log or null
+  EmbedRecord* records;       // per-superpixel log records, or null to log directly
 };
 
 // Position class 0..3 of superpixel (sx, sy) in a cols x rows grid.

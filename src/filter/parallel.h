@@ -20,6 +20,11 @@ int32_t texture_worker_count(int32_t threads);
 // signed are 0 or less gives 0 (the caller then embeds nothing), else at most 64.
 int32_t embed_worker_count(int32_t threads);
 
+// The two rules above for a given online processor count (testable without
+// asking the system).
+int32_t texture_worker_count_for(int32_t threads, int64_t online);
+int32_t embed_worker_count_for(int32_t threads, int64_t online);
+
 // Range [first, end) of worker i when total items are split over n workers.
 void split_range(int32_t total, int32_t n, int32_t i, int32_t* first, int32_t* end);
 

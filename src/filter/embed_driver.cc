@@ -1,0 +1,219 @@
+// The embedding driver: one pattern bank per frame, optional deep-fake
+// targets, and a static split of the superpixels over worker threads.
+#include "filter/embed_driver.h"
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdlib>
+
+#include "filter/parallel.h"
+#include "kernels/embed.h"
+#include "kernels/intmath.h"
+#include "kernels/measure.h"
+
+namespace lumamark {
+
+namespace {
+
+// Serialises every use of an embedding log (statistics, measuring for the
+// log, file writes) across all worker threads of the process.
+pthread_mutex_t g_log_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+constexpr int32_t kClasses = 4;
+constexpr int32_t kVariants = 16;
+constexpr int32_t kKeyLength = 12;
+// Density adjustments of the position classes, in percentage points:
+// corners, edge bands, dividing lines, centre.
+constexpr int32_t kClassAdjust[kClasses] = {20, 15, 5, -5};
+
+enum Zone { kOuter, kLine, kInner };
+
+Zone zone_of(int32_t s, int32_t quarter, int32_t count) {
+  const int32_t far_line = count - quarter;
+  if (s == quarter || s == far_line) return kLine;
+  if (s < quarter || s > far_line) return kOuter;
+  return kInner;
+}
+
+int64_t magnitude(int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : v; }
+
+void embed_worker_entry(void* arg) { embed_worker(static_cast<EmbedTask*>(arg)); }
+
+}  // namespace
+
+int32_t position_class(int32_t sx, int32_t sy, int32_t cols, int32_t rows) {
+  const Zone zx = zone_of(sx, cols / 4, cols);
+  const Zone zy = zone_of(sy, rows / 4, rows);
+  if (zx == kLine || zy == kLine) return 2;
+  if (zx == kOuter && zy == kOuter) return 0;
+  if (zx == kOuter || zy == kOuter) return 1;
+  const int32_t tc = cols / 3;
+  return (tc < sx && sx < cols - tc) ? 3 : 2;
+}
+
+void embed_worker(EmbedTask* t) {
+  const int32_t area = t->sp_w * t->sp_h;
+  int8_t* scratch = nullptr;
+  if (t->deep_fake != 0) scratch = static_cast<int8_t*>(std::malloc(static_cast<size_t>(area)));
+
+  for (int32_t i = t->first; i < t->end; ++i) {
+    const int32_t sx = i % t->cols;
+    const int32_t sy = i / t->cols;
+    if (sy >= t->rows) break;
+    if (t->selection[i] != 1) continue;
+
+    const int32_t value = wrap_sub(t->map[i], t->strength);
+    const int32_t cls = position_class(sx, sy, t->cols, t->rows);
+    const int8_t* pattern = pattern_select(t->bank, &t->layout, cls, sx % 16, value);
+    const int32_t x = sx * t->sp_w;
+    const int32_t y = sy * t->sp_h;
+
+    int32_t signal = 0;
+    if (t->deep_fake == 0 || scratch == nullptr) {
+      signal = embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
+                                t->border_h, value, t->width, t->height, pattern, t->texture,
+                                t->pm_mode);
+    } else {
+      // Embed again and again with a growing amplitude on the same pixels
+      // until the amplitude reaches the strength or the signal reaches the
+      // superpixel's measure before embedding.
+      const int64_t target = magnitude(t->measures != nullptr ? t->measures[i] : 0);
+      int32_t a = value;
+      const int8_t* p = pattern;
+      for (;;) {
+        const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
+        for (int32_t k = 0; k < area; ++k) scratch[k] = p[k] != 0 ? amp : 0;
+        signal = embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
+                                  t->border_h, a, t->width, t->height, scratch, t->texture,
+                                  t->pm_mode);
+        a = a < 0 ? a - 1 : a + 1;
+        if (magnitude(a) >= t->strength || target <= magnitude(signal)) break;
+        p = scratch;
+      }
+    }
+
+    if (t->log == nullptr) continue;
+    if (t->records != nullptr) {
+      // Measured right away (only this superpixel's own pixels are read);
+      // the driver writes the entry after all workers have finished.
+      EmbedRecord& rec = t->records[i];
+      rec.value = value;
+      rec.signal = signal;
+      rec.extr = signal_measure(t->luma, x, y, t->sp_w, t->sp_h, t->stride, t->border_w,
+                                t->border_h);
+      rec.embedded = 1;
+    } else {
+      pthread_mutex_lock(&g_log_mutex);
+      if (t->log->file != nullptr) embed_log_add(t->log, t->luma, sx, sy, value, signal);
+      pthread_mutex_unlock(&g_log_mutex);
+    }
+  }
+  std::free(scratch);
+}
+
+void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, int32_t p_density,
+                 int32_t strength, int32_t deep_fake, const uint8_t* map, const uint8_t* selection,
+                 int32_t seed, int32_t sp_w, int32_t sp_h, int32_t border_w, int32_t border_h,
+                 int32_t pm_mode, const uint8_t* texture, EmbedLog* log, int32_t threads) {
+  // Without amplitude levels there is nothing to embed (and no pattern to
+  // pick); an empty grid has no superpixel.
+  if (strength < 1 || sp_w < 1 || sp_h < 1) return;
+  const int32_t cols = width / sp_w;
+  const int32_t rows = height / sp_h;
+  if (cols < 1 || rows < 1) return;
+
+  PatternLayout layout;
+  pattern_layout(&layout, kClasses, kVariants, strength, sp_w, sp_h, border_w, border_h);
+  // A bank too large for its 32-bit size cannot be addressed.
+  const int64_t bank_bytes = int64_t{kClasses} * kVariants * strength * sp_w * sp_h;
+  if (bank_bytes != layout.total) return;
+  int8_t* bank = static_cast<int8_t*>(std::malloc(static_cast<size_t>(layout.total)));
+  if (bank == nullptr) return;
+
+  const int32_t total = rows * cols;
+
+  // The first twelve map values key the bank; a grid of fewer superpixels
+  // counts the missing ones as '0'.
+  char key[kKeyLength + 1];
+  for (int32_t k = 0; k < kKeyLength; ++k) {
+    key[k] = (k < total && static_cast<int32_t>(map[k]) > strength) ? '1' : '0';
+  }
+  key[kKeyLength] = '\0';
+  pattern_bank_fill(bank, &layout, p_density, kClassAdjust, key, static_cast<uint32_t>(seed),
+                    pm_mode != 3);
+
+  int32_t* measures = nullptr;
+  if (deep_fake != 0) {
+    measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
+    // The targets are measured on the untouched frame, with the frame width
+    // as the row pitch.
+    if (measures != nullptr) {
+      signal_measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, border_w, border_h);
+    }
+  }
+
+  const int32_t n = embed_worker_count(threads);
+  if (n < 1) {
+    std::free(measures);
+    std::free(bank);
+    return;
+  }
+
+  // Log entries are collected per superpixel and written in superpixel order
+  // once all workers are done, so the log does not depend on the thread
+  // count. That needs the log to measure exactly the superpixels embedded
+  // here; otherwise the workers write to the log themselves.
+  EmbedRecord* records = nullptr;
+  if (log != nullptr && log->sp_w == sp_w && log->sp_h == sp_h && log->stride == stride &&
+      log->border_w == border_w && log->border_h == border_h) {
+    records = static_cast<EmbedRecord*>(std::calloc(static_cast<size_t>(total), sizeof(EmbedRecord)));
+  }
+
+  EmbedTask tasks[kMaxWorkers];
+  for (int32_t w = 0; w < n; ++w) {
+    EmbedTask& t = tasks[w];
+    t.luma = luma;
+    t.width = width;
+    t.height = height;
+    t.stride = stride;
+    t.p_density = p_density;
+    t.strength = strength;
+    t.deep_fake = deep_fake;
+    t.map = map;
+    t.selection = selection;
+    t.seed = seed;
+    t.sp_w = sp_w;
+    t.sp_h = sp_h;
+    t.border_w = border_w;
+    t.border_h = border_h;
+    t.cols = cols;
+    t.rows = rows;
+    t.pm_mode = pm_mode;
+    t.texture = texture;
+    t.measures = measures;
+    t.bank = bank;
+    t.layout = layout;
+    split_range(total, n, w, &t.first, &t.end);
+    t.log = log;
+    t.records = records;
+  }
+  run_workers(embed_worker_entry, tasks, static_cast<int32_t>(sizeof(EmbedTask)), n);
+
+  if (records != nullptr) {
+    pthread_mutex_lock(&g_log_mutex);
+    if (log->file != nullptr) {
+      for (int32_t i = 0; i < total; ++i) {
+        const EmbedRecord& rec = records[i];
+        if (rec.embedded == 0) continue;
+        embed_log_add_measured(log, i % cols, i / cols, rec.value, rec.signal, rec.extr);
+      }
+    }
+    pthread_mutex_unlock(&g_log_mutex);
+    std::free(records);
+  }
+  std::free(measures);
+  std::free(bank);
+}
+
+}  // namespace lumamark

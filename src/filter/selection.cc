@@ -1,0 +1,61 @@
+// The per-frame selection mask: a seeded random 0/1 pattern whose number of
+// ones is then corrected to exactly the requested share.
+#include "filter/selection.h"
+
+#include <cstddef>
+
+#include "kernels/intmath.h"
+#include "kernels/prng.h"
+
+namespace lumamark {
+
+void selection_mask(uint8_t* out, int32_t reps, int32_t length, int32_t density, int32_t seed) {
+  if (reps == 1) {
+    selection_block(out, length, density, seed);
+    return;
+  }
+  for (int32_t k = 0; k < length; ++k) {
+    selection_block(out + static_cast<ptrdiff_t>(k) * reps, reps, density,
+                    wrap_add(seed, wrap_mul(67, k)));
+  }
+}
+
+void selection_block(uint8_t* out, int32_t n, int32_t density, int32_t seed) {
+  const int32_t t = wrap_mul(density, 255) / 100;
+  Prng64 g;
+  prng64_seed(&g, static_cast<uint32_t>(seed), 9u);
+  if (n < 1) return;
+
+  int32_t count = 0;
+  for (int32_t p = 0; p < n; p += 8) {
+    const uint8_t* b = prng64_next(&g);
+    const int32_t m = n - p < 8 ? n - p : 8;
+    for (int32_t j = 0; j < m; ++j) {
+      const uint8_t one = static_cast<int32_t>(b[j]) <= t ? 1 : 0;
+      out[p + j] = one;
+      count += one;
+    }
+  }
+  if (n == 1) return;
+
+  const int32_t target = wrap_mul(density, n) / 100;
+  if (count == target) return;
+  // A target outside 0..n could never be reached.
+  if (target < 0 || target > n) return;
+
+  // Turn ones into zeros when there are too many, zeros into ones otherwise;
+  // each step starts at a random position and walks forward to the next
+  // byte of the kind to turn.
+  const uint8_t turn = count > target ? 1 : 0;
+  const int32_t step = count > target ? -1 : 1;
+  const uint64_t un = static_cast<uint64_t>(n);
+  while (count != target) {
+    const uint64_t r = prng64_next_u64(&g);
+    uint64_t q = (r + 1) % un;
+    while (out[q] != turn) q = (q + 1) % un;
+    out[q] = static_cast<uint8_t>(1 - turn);
+    count += step;
+  }
+}
+
+}  // namespace lumamark
