@@ -1,0 +1,160 @@
+// Per-superpixel embedding.
+//
+// The amplitude of a pattern byte p is min(p, table[p]) where table is the
+// identity except for entries 1..7, which the perceptual mode may lower. Only
+// those eight entries (0..7) are kept here; every other non-negative byte maps
+// to itself. Negative bytes (which the pattern bank never produces, but the
+// repeated-embedding scratch pattern can hold once its magnitude passes 127)
+// are treated as the identity as well, so nothing is read outside the table.
+#include "kernels/embed.h"
+
+#include <cstddef>
+
+#include "kernels/intmath.h"
+#include "kernels/prng.h"
+
+namespace lumamark {
+namespace {
+
+// Signed 32-bit division truncating toward zero; the one overflowing case
+// (INT32_MIN / -1) wraps instead of trapping.
+int32_t div_trunc(int32_t a, int32_t b) {
+  if (b == -1) return wrap_sub(0, a);
+  return a / b;
+}
+
+// The default border is an eighth of the side, at least one pixel.
+int32_t resolve_border(int32_t setting, int32_t size) {
+  return setting >= 1 ? setting : imax(size / 8, 1);
+}
+
+// Entries 1..7 of the attenuation table after the border analysis; m is the
+// smallest sum of squared deviations of the four border strips.
+void border_attenuation(int32_t m, int32_t small[8]) {
+  if (m < 1000) {
+    // A flat border: every non-zero amplitude is cut to 1.
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+    return;
+  }
+  if (m >= 5000) return;  // identity from 5000 upwards
+  const int32_t c = 5 - m / 1000;  // 4 (1000..1999) down to 1 (4000..4999)
+  for (int32_t k = 1; k <= 4; ++k) small[k] = c * k / 5;
+  small[5] = c;
+  small[6] = 6 * c / 5;
+  small[7] = 7 * c / 5;
+}
+
+inline int32_t amplitude(int8_t byte, const int32_t small[8]) {
+  const int32_t p = byte;
+  if (p < 0 || p > 7) return p;
+  return imin(p, small[p]);
+}
+
+}  // namespace
+
+int32_t block_ssd(const uint8_t* block, int32_t w, int32_t h, int32_t stride) {
+  if (h < 1 || w < 1) return 0;
+  const int32_t area = wrap_mul(w, h);
+  if (area == 0) return 0;  // only reachable through a wrapped product
+
+  uint32_t sum = 0;
+  for (int32_t r = 0; r < h; ++r) {
+    const uint8_t* row = block + static_cast<ptrdiff_t>(r) * stride;
+    for (int32_t c = 0; c < w; ++c) sum += row[c];
+  }
+  const uint32_t mean = static_cast<uint32_t>(div_trunc(static_cast<int32_t>(sum), area));
+
+  // (sample - mean)^2 in wrapping 32-bit arithmetic, computed unsigned.
+  uint32_t ssd = 0;
+  for (int32_t r = 0; r < h; ++r) {
+    const uint8_t* row = block + static_cast<ptrdiff_t>(r) * stride;
+    for (int32_t c = 0; c < w; ++c) {
+      const uint32_t d = row[c] - mean;
+      ssd += d * d;
+    }
+  }
+  return static_cast<int32_t>(ssd);
+}
+
+int32_t embed_superpixel(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
+                         int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h, int32_t value,
+                         int32_t frame_w, int32_t frame_h, const int8_t* pattern,
+                         const uint8_t* texture, int32_t pm_mode) {
+  const int32_t bw = resolve_border(spb_w, sp_w);
+  const int32_t bh = resolve_border(spb_h, sp_h);
+  const int32_t sign = value < 0 ? -1 : 1;
+
+  // Attenuation table entries 0..7; 8 and above are the identity.
+  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  Prng64 noise{};
+  if (pm_mode == 0) {
+    // plain amplitudes
+  } else if (pm_mode == 3) {
+    const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
+                        (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
+                        static_cast<uint32_t>(wrap_add(x, 1));
+    prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
+  } else if (pm_mode == 2) {
+    // The strips are twice the border thick, measured before any change.
+    const ptrdiff_t pitch = stride;
+    const uint8_t* origin = luma + static_cast<ptrdiff_t>(y) * pitch + x;
+    const int32_t top = block_ssd(origin, sp_w, 2 * bh, stride);
+    const int32_t bottom = block_ssd(luma + static_cast<ptrdiff_t>(sp_h + y - 2 * bh) * pitch + x,
+                                     sp_w, 2 * bh, stride);
+    const int32_t left = block_ssd(origin, 2 * bw, sp_h, stride);
+    const int32_t right = block_ssd(origin + (sp_w - 2 * bw), 2 * bw, sp_h, stride);
+    border_attenuation(imin(imin(top, bottom), imin(left, right)), small);
+  } else {
+    // Mode 1 and every unknown mode: amplitude 1 only.
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  }
+
+  if (sp_h < 1) return 0;
+
+  uint32_t total = 0;
+  const ptrdiff_t xstep = step;
+  if (pm_mode == 3 && texture != nullptr) {
+    int32_t used = 8;  // bytes of the current generator output already taken
+    for (int32_t row = 0; row < sp_h; ++row) {
+      uint8_t* line = luma + static_cast<ptrdiff_t>(y + row) * stride + x * xstep;
+      const int8_t* pat = pattern + static_cast<ptrdiff_t>(row) * sp_w;
+      const uint8_t* tex = texture + static_cast<ptrdiff_t>(y + row) * frame_w + x;
+      for (int32_t col = 0; col < sp_w; ++col) {
+        const int32_t a = amplitude(pat[col], small) * sign;
+        if (a == 0) continue;
+        int32_t r;
+        if (used > 7) {
+          r = prng64_next(&noise)[0];
+          used = 1;
+        } else {
+          r = noise.out[used++];
+        }
+        const int32_t weight = r + 24 * tex[col] + 128;
+        const int32_t d = a * weight / 1024;  // truncates toward zero
+        if (d == 0) continue;
+        uint8_t* px = line + col * xstep;
+        const int32_t old = *px;
+        const int32_t now = iclamp(old + d, 0, 255);
+        *px = static_cast<uint8_t>(now);
+        total += static_cast<uint32_t>(now - old);
+      }
+    }
+  } else {
+    for (int32_t row = 0; row < sp_h; ++row) {
+      uint8_t* line = luma + static_cast<ptrdiff_t>(y + row) * stride + x * xstep;
+      const int8_t* pat = pattern + static_cast<ptrdiff_t>(row) * sp_w;
+      for (int32_t col = 0; col < sp_w; ++col) {
+        const int32_t a = amplitude(pat[col], small) * sign;
+        if (a == 0) continue;
+        uint8_t* px = line + col * xstep;
+        const int32_t old = *px;
+        const int32_t now = iclamp(old + a, 0, 255);
+        *px = static_cast<uint8_t>(now);
+        total += static_cast<uint32_t>(now - old);
+      }
+    }
+  }
+  return static_cast<int32_t>(total);
+}
+
+}  // namespace lumamark
