@@ -31,8 +31,24 @@ inline uint32_t lehmer_next(uint32_t x) {
   return r;
 }
 
+// x * a mod (2^31 - 1) for any multiplier a below the modulus: the product is
+// below 2^62, and folding the bits above bit 31 onto the low 31 bits leaves at
+// most twice the modulus.
+inline uint32_t lehmer_mul(uint32_t x, uint32_t a) {
+  const uint64_t p = static_cast<uint64_t>(x) * a;
+  uint64_t r = (p & kLehmerModulus) + (p >> 31);
+  if (r >= kLehmerModulus) r -= kLehmerModulus;
+  return static_cast<uint32_t>(r);
+}
+
+// 48271^2 mod (2^31 - 1): two generator steps at once.
+constexpr uint32_t kLehmerMultiplier2 =
+    static_cast<uint32_t>(uint64_t{kLehmerMultiplier} * kLehmerMultiplier % kLehmerModulus);
+
 // Backward Fisher-Yates over each chunk of kRmChunk positions; the generator
-// state runs on from one chunk to the next.
+// state runs on from one chunk to the next. The draws x1, x2, x3, ... are
+// produced as two interleaved chains (odd and even steps, each advanced by
+// 48271^2) so that the two multiply-reduce latencies overlap.
 void shuffle_chunks(uint8_t* code, size_t count, uint32_t seed) {
   uint32_t x = seed % kLehmerModulus;
   if (x == 0) x = 1;
@@ -40,12 +56,29 @@ void shuffle_chunks(uint8_t* code, size_t count, uint32_t seed) {
     const size_t left = count - start;
     const uint32_t n = left < static_cast<size_t>(kRmChunk) ? static_cast<uint32_t>(left) : kRmChunk;
     uint8_t* chunk = code + start;
-    for (uint32_t s = n; s >= 2; --s) {
-      x = lehmer_next(x);
+    auto swap_with = [chunk](uint32_t s, uint32_t x) {
       const uint32_t t = x % s;
       const uint8_t tmp = chunk[s - 1];
       chunk[s - 1] = chunk[t];
       chunk[t] = tmp;
+    };
+    uint32_t s = n;
+    if (s >= 3) {
+      uint32_t odd = lehmer_next(x);
+      uint32_t even = lehmer_next(odd);
+      for (;;) {
+        swap_with(s, odd);
+        swap_with(s - 1, even);
+        x = even;
+        s -= 2;
+        if (s < 3) break;
+        odd = lehmer_mul(odd, kLehmerMultiplier2);
+        even = lehmer_mul(even, kLehmerMultiplier2);
+      }
+    }
+    if (s == 2) {
+      x = lehmer_next(x);
+      swap_with(2, x);
     }
   }
 }
