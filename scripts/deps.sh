@@ -25,3 +25,8 @@ ensure_build_deps() {
     /usr/include/gtest/gtest.h:libgtest-dev \
     /usr/include/benchmark/benchmark.h:libbenchmark-dev
 }
+
+# ffmpeg: the end-to-end pipeline tests and scripts/demo.sh feed it real video.
+ensure_video_deps() {
+  ensure_packages ffmpeg:ffmpeg
+}
