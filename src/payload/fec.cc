@@ -21,19 +21,10 @@ constexpr uint32_t kLehmerMultiplier = 48271u;
 // Longest codeword handled: 2^31 positions, enough for any 32-bit output length.
 constexpr int32_t kMaxOrder = 31;
 
-// x * 48271 mod (2^31 - 1) without a 64-bit division: the product is below
-// 2^47, so folding the bits above bit 31 onto the low 31 bits leaves a value
-// below twice the modulus, and one conditional subtraction finishes it.
-inline uint32_t lehmer_next(uint32_t x) {
-  const uint64_t p = static_cast<uint64_t>(x) * kLehmerMultiplier;
-  uint32_t r = static_cast<uint32_t>(p & kLehmerModulus) + static_cast<uint32_t>(p >> 31);
-  if (r >= kLehmerModulus) r -= kLehmerModulus;
-  return r;
-}
-
-// x * a mod (2^31 - 1) for any multiplier a below the modulus: the product is
-// below 2^62, and folding the bits above bit 31 onto the low 31 bits leaves at
-// most twice the modulus.
+// x * a mod (2^31 - 1) for x and a in 1 .. 2^31 - 2, without a 64-bit
+// division: the product is below 2^62, and folding the bits above bit 31 onto
+// the low 31 bits (2^31 is 1 modulo 2^31 - 1) leaves at most twice the
+// modulus, so one conditional subtraction finishes it.
 inline uint32_t lehmer_mul(uint32_t x, uint32_t a) {
   const uint64_t p = static_cast<uint64_t>(x) * a;
   uint64_t r = (p & kLehmerModulus) + (p >> 31);
@@ -56,16 +47,16 @@ void shuffle_chunks(uint8_t* code, size_t count, uint32_t seed) {
     const size_t left = count - start;
     const uint32_t n = left < static_cast<size_t>(kRmChunk) ? static_cast<uint32_t>(left) : kRmChunk;
     uint8_t* chunk = code + start;
-    auto swap_with = [chunk](uint32_t s, uint32_t x) {
-      const uint32_t t = x % s;
+    auto swap_with = [chunk](uint32_t s, uint32_t draw) {
+      const uint32_t t = draw % s;
       const uint8_t tmp = chunk[s - 1];
       chunk[s - 1] = chunk[t];
       chunk[t] = tmp;
     };
     uint32_t s = n;
     if (s >= 3) {
-      uint32_t odd = lehmer_next(x);
-      uint32_t even = lehmer_next(odd);
+      uint32_t odd = lehmer_mul(x, kLehmerMultiplier);
+      uint32_t even = lehmer_mul(odd, kLehmerMultiplier);
       for (;;) {
         swap_with(s, odd);
         swap_with(s - 1, even);
@@ -77,7 +68,7 @@ void shuffle_chunks(uint8_t* code, size_t count, uint32_t seed) {
       }
     }
     if (s == 2) {
-      x = lehmer_next(x);
+      x = lehmer_mul(x, kLehmerMultiplier);
       swap_with(2, x);
     }
   }
@@ -101,9 +92,10 @@ int32_t rm_block_encode_at(char* base, int64_t pos, int64_t end, int32_t stride,
   if (m > kMaxOrder) return -1;
   const size_t count = size_t{1} << m;
 
-  // Information word: the k bits, then 1, 0, 1, 0, ... up to position m.
+  // Information word: the k bits (k <= m + 1), then 1, 0, 1, 0, ... up to
+  // position m; entries past m are filled the same way and never used.
   uint8_t a[kMaxOrder + 1];
-  for (int64_t i = 0; i <= m; ++i) {
+  for (int32_t i = 0; i <= kMaxOrder; ++i) {
     a[i] = i < k ? static_cast<uint8_t>((bitchars[i] - '0') & 1) : static_cast<uint8_t>(((i - k) & 1) ^ 1);
   }
 
