@@ -34,25 +34,14 @@ TEST(ParseOptions, DefaultsAreTheDocumentedOnes) {
   const Parsed p = parse({"--deep-fake"});
   ASSERT_EQ(p.result, ParseResult::Run);
   const EmbedConfig& c = p.config;
-  EXPECT_EQ(c.input_file, "");
-  EXPECT_EQ(c.output_file, "");
-  EXPECT_EQ(c.payload_file, "");
-  EXPECT_EQ(c.strength, 3);
-  EXPECT_EQ(c.fec, 2);
-  EXPECT_EQ(c.bit_profile, 13);
-  EXPECT_EQ(c.sp_density, 100);
-  EXPECT_EQ(c.p_density, 100);
-  EXPECT_EQ(c.width, 1920);
-  EXPECT_EQ(c.height, 1080);
-  EXPECT_EQ(c.sp_width, 7);
-  EXPECT_EQ(c.spb_width, 0);
-  EXPECT_EQ(c.pm_mode, 3);
-  EXPECT_EQ(c.seed, -1);
+  EXPECT_EQ(c.input_file + c.output_file + c.payload_file + c.embed_log, "");
+  const std::vector<int32_t> ints = {c.strength, c.fec,      c.bit_profile, c.sp_density,
+                                     c.p_density, c.width,   c.height,      c.sp_width,
+                                     c.spb_width, c.pm_mode, c.seed,        c.threads};
+  EXPECT_EQ(ints, std::vector<int32_t>({3, 2, 13, 100, 100, 1920, 1080, 7, 0, 3, -1, 1}));
   EXPECT_EQ(c.user_urn, std::string(32, '0'));
   EXPECT_EQ(c.wm_id, "0");
   EXPECT_EQ(c.pix_fmt, "yuv420p");
-  EXPECT_EQ(c.embed_log, "");
-  EXPECT_EQ(c.threads, 1);
   EXPECT_TRUE(c.deep_fake);
   EXPECT_FALSE(c.wm_id_given);
   EXPECT_EQ(p.out + p.err, "");
@@ -67,24 +56,13 @@ TEST(ParseOptions, StoresEveryOptionAndLastValueWins) {
                           "33", "--embed-log", "log.json", "--threads", "0", "--fec", "2"});
   ASSERT_EQ(p.result, ParseResult::Run);
   const EmbedConfig& c = p.config;
-  EXPECT_EQ(c.input_file, "in.yuv");
-  EXPECT_EQ(c.output_file, "");
-  EXPECT_EQ(c.payload_file, "p.bin");
-  EXPECT_EQ(c.strength, 5);
-  EXPECT_EQ(c.fec, 2);
-  EXPECT_EQ(c.bit_profile, 20);
-  EXPECT_EQ(c.sp_density, 50);
-  EXPECT_EQ(c.p_density, 40);
-  EXPECT_EQ(c.width, 320);
-  EXPECT_EQ(c.height, 240);
-  EXPECT_EQ(c.sp_width, 9);
-  EXPECT_EQ(c.spb_width, -2);
-  EXPECT_EQ(c.user_urn, "abc");
-  EXPECT_EQ(c.pix_fmt, "nv12");
-  EXPECT_EQ(c.pm_mode, 1);
-  EXPECT_EQ(c.seed, 33);
-  EXPECT_EQ(c.embed_log, "log.json");
-  EXPECT_EQ(c.threads, 0);
+  EXPECT_EQ(c.input_file + "|" + c.output_file + "|" + c.payload_file + "|" + c.user_urn + "|" +
+                c.pix_fmt + "|" + c.embed_log,
+            "in.yuv||p.bin|abc|nv12|log.json");
+  const std::vector<int32_t> ints = {c.strength, c.fec,      c.bit_profile, c.sp_density,
+                                     c.p_density, c.width,   c.height,      c.sp_width,
+                                     c.spb_width, c.pm_mode, c.seed,        c.threads};
+  EXPECT_EQ(ints, std::vector<int32_t>({5, 2, 20, 50, 40, 320, 240, 9, -2, 1, 33, 0}));
   EXPECT_FALSE(c.wm_id_given);
 }
 
@@ -103,24 +81,19 @@ TEST(ParseOptions, WmIdGivenEvenWhenEqualToDefault) {
   EXPECT_EQ(p.config.wm_id, "0");
 }
 
-TEST(ParseOptions, HelpAndVersionEndTheWalk) {
+TEST(ParseOptions, HelpVersionAndEmptyCommandLine) {
   Parsed p = parse({"--width", "10", "--help", "--bogus", "--width", "abc"});
   EXPECT_EQ(p.result, ParseResult::HelpShown);
-  EXPECT_EQ(p.config.width, 10);
+  EXPECT_EQ(p.config.width, 10);  // stored before the walk ended
   EXPECT_EQ(p.out.rfind("Usage: lumamark <options>\nOptions:\n", 0), 0u);
   EXPECT_EQ(p.err, "");
-
-  p = parse({"-h"});
-  EXPECT_EQ(p.result, ParseResult::HelpShown);
+  EXPECT_EQ(parse({"-h"}).result, ParseResult::HelpShown);
 
   p = parse({"--version", "--fec", "1"});
   EXPECT_EQ(p.result, ParseResult::VersionShown);
-  EXPECT_EQ(p.out, "2.1.3\n");
-  EXPECT_EQ(p.err, "");
-}
+  EXPECT_EQ(p.out + p.err, "2.1.3\n");
 
-TEST(ParseOptions, NoWordsPrintsUsageAndFails) {
-  const Parsed p = parse({});
+  p = parse({});
   EXPECT_EQ(p.result, ParseResult::Error);
   EXPECT_EQ(p.out.rfind("Usage: lumamark <options>\n", 0), 0u);
   EXPECT_EQ(p.err, "");
@@ -198,48 +171,31 @@ bool check(const EmbedConfig& c, std::string* err) {
 }
 
 TEST(CheckConfig, ThreadsSizeAndBorderInOrder) {
-  std::string err;
-  EmbedConfig c;
-  EXPECT_TRUE(check(c, &err));
-  EXPECT_EQ(err, "");
-
-  c.threads = -1;
-  c.sp_width = 100;  // threads are reported first
-  EXPECT_FALSE(check(c, &err));
-  EXPECT_EQ(err, "Error: --threads must be >= 0 (0 = auto-detect)\n");
-
-  c.threads = 0;
-  c.spb_width = 40;  // size is reported before the border
-  EXPECT_FALSE(check(c, &err));
-  EXPECT_EQ(err, "Error: --sp-width must be in [5, 64]\n");
-  c.sp_width = 4;
-  EXPECT_FALSE(check(c, &err));
-  EXPECT_EQ(err, "Error: --sp-width must be in [5, 64]\n");
-  c.sp_width = 65;
-  EXPECT_FALSE(check(c, &err));
-
-  c.sp_width = 64;
-  EXPECT_FALSE(check(c, &err));
-  EXPECT_EQ(err, "SP size and border mismatch, reduce borders\n");
-}
-
-TEST(CheckConfig, BorderMustLeaveAnInnerPart) {
-  std::string err;
-  EmbedConfig c;
-  c.sp_width = 5;
-  c.spb_width = 2;
-  EXPECT_TRUE(check(c, &err));
-  c.sp_width = 6;
-  c.spb_width = 3;
-  EXPECT_FALSE(check(c, &err));
-  EXPECT_EQ(err, "SP size and border mismatch, reduce borders\n");
-  c.spb_width = -100;
-  EXPECT_TRUE(check(c, &err));
-  // Twice the border is formed in wrapping 32-bit arithmetic.
-  c.spb_width = 1 << 30;
-  EXPECT_TRUE(check(c, &err));
-  c.spb_width = (1 << 30) - 1;
-  EXPECT_FALSE(check(c, &err));
+  const std::string threads = "Error: --threads must be >= 0 (0 = auto-detect)\n";
+  const std::string size = "Error: --sp-width must be in [5, 64]\n";
+  const std::string border = "SP size and border mismatch, reduce borders\n";
+  struct Case {
+    int32_t threads, sp_width, spb_width;
+    std::string err;  // empty: passes
+  };
+  const Case cases[] = {
+      {1, 7, 0, ""},          {0, 7, 0, ""},     {-1, 100, 40, threads}, {0, 100, 40, size},
+      {0, 4, 0, size},        {0, 65, 0, size},  {0, 64, 32, border},    {0, 5, 2, ""},
+      {0, 6, 3, border},      {0, 5, -100, ""},
+      // Twice the border is formed in wrapping 32-bit arithmetic.
+      {0, 64, 1 << 30, ""},   {0, 64, (1 << 30) - 1, border},
+  };
+  for (const Case& c : cases) {
+    EmbedConfig config;
+    config.threads = c.threads;
+    config.sp_width = c.sp_width;
+    config.spb_width = c.spb_width;
+    testing::internal::CaptureStderr();
+    const bool ok = check_config(config);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err)
+        << c.threads << " " << c.sp_width << " " << c.spb_width;
+    EXPECT_EQ(ok, c.err.empty());
+  }
 }
 
 }  // namespace

@@ -85,9 +85,7 @@ TEST(CliTexts, ParseAndCheckErrorsGoToStandardErrorWithStatusOne) {
       {{"--width=64"}, "Error: Unknown option: --width=64"},
       {{"--fec", "1", "--help"}, "Error: Unsupported FEC mode (1), use 0 or 2\n"},
       {{"--input-file"}, "Error: --input-file option requires an argument\n"},
-      {{"--sp-height"}, "Error: --sp-height requires an argument\n"},
       {{"--threads", "-1", "--sp-width", "4"}, "Error: --threads must be >= 0 (0 = auto-detect)\n"},
-      {{"--sp-width", "4"}, "Error: --sp-width must be in [5, 64]\n"},
       {{"--sp-width", "65"}, "Error: --sp-width must be in [5, 64]\n"},
       {{"--sp-width", "6", "--spb-width", "3"}, "SP size and border mismatch, reduce borders\n"},
   };
