@@ -167,24 +167,32 @@ TEST(Embed, TextureWeightBounds) {
   }
 }
 
-// Checkerboard of 100 and 100 + 2k: every sample deviates by k from the mean,
-// so each 16 x 4 strip (border 2) measures 64 k^2.
+// A 16 x 16 superpixel with border 2: the top strip (rows 0..3) holds pairs of
+// samples at 100 + k and 100 - k on a level of 100, so it measures the sum of
+// 2 k^2 exactly; the other strips carry a checkerboard of 50 / 150 and measure
+// far more. Pattern bytes 1..7 sit in inner row 6.
 TEST(Embed, BorderActivityBands) {
-  const struct { int k; int amp[7]; } cases[] = {
-      {3, {1, 1, 1, 1, 1, 1, 1}},   {4, {0, 1, 2, 3, 4, 4, 5}}, {6, {0, 1, 1, 2, 3, 3, 4}},
-      {7, {0, 0, 1, 1, 2, 2, 2}},   {8, {0, 0, 0, 0, 1, 1, 1}}, {9, {1, 2, 3, 4, 5, 6, 7}},
-      {13, {1, 2, 3, 4, 5, 6, 7}},
+  const struct { int m; std::vector<int> ks; int amp[7]; } cases[] = {
+      {998, {22, 3, 2, 1, 1}, {1, 1, 1, 1, 1, 1, 1}}, {1000, {22, 4}, {0, 1, 2, 3, 4, 4, 5}},
+      {1998, {31, 6, 1, 1}, {0, 1, 2, 3, 4, 4, 5}},   {2000, {31, 6, 1, 1, 1}, {0, 1, 1, 2, 3, 3, 4}},
+      {3998, {44, 7, 3, 2, 1}, {0, 0, 1, 1, 2, 2, 2}}, {4000, {44, 8}, {0, 0, 0, 0, 1, 1, 1}},
+      {4998, {49, 9, 4, 1}, {0, 0, 0, 0, 1, 1, 1}},   {5000, {50}, {1, 2, 3, 4, 5, 6, 7}},
   };
   std::vector<int8_t> pat(256, 0);
-  for (int p = 1; p <= 7; ++p) pat[(2 + p) * 16 + 4] = static_cast<int8_t>(p);
+  for (int p = 1; p <= 7; ++p) pat[6 * 16 + 4 + p] = static_cast<int8_t>(p);
   for (const auto& c : cases) {
-    Frame f(16, 16, 0);
-    for (int i = 0; i < 256; ++i) f.luma()[i] = 100 + ((i / 16 + i % 16) % 2) * 2 * c.k;
+    Frame f(16, 16, 100);
+    for (int i = 4 * 16; i < 256; ++i) f.luma()[i] = (i / 16 + i % 16) % 2 ? 150 : 50;
+    for (size_t k = 0; k < c.ks.size(); ++k) {
+      f.luma()[16 + 4 + k] = 100 + c.ks[k];
+      f.luma()[32 + 4 + k] = 100 - c.ks[k];
+    }
+    ASSERT_EQ(block_ssd(f.luma(), 16, 4, 16), c.m);
     Frame g = f;
-    embed(f, 0, 0, 16, 0, 1, pat.data(), nullptr, 2);
+    embed(f, 0, 0, 16, 2, 1, pat.data(), nullptr, 2);
     for (int p = 1; p <= 7; ++p) {
-      const int i = (2 + p) * 16 + 4;
-      EXPECT_EQ(f.luma()[i] - g.luma()[i], c.amp[p - 1]) << "k " << c.k << " p " << p;
+      const int i = 6 * 16 + 4 + p;
+      EXPECT_EQ(f.luma()[i] - g.luma()[i], c.amp[p - 1]) << "m " << c.m << " p " << p;
     }
   }
 }
