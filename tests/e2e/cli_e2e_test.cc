@@ -261,6 +261,12 @@ TEST(CliPayloadFile, ReadingFailures) {
   EXPECT_TRUE(r.exited(1));
   EXPECT_EQ(r.err, "Failed to read payload header from: " + p + "\n");
 
+  // Width 6 is narrower than one 7-pixel superpixel: an empty map.
+  write_file(p, std::string("\x06\0\0\0\x30\0\0\0\x07\0\0\0\x07\0\0\0\x0d\0\0\0xxxx", 24));
+  r = run_tool(small({"--payload-file", p}));
+  EXPECT_TRUE(r.exited(1));
+  EXPECT_EQ(r.err, "Failed to read payload map from: " + p + "\n");
+
   // A file saved for FEC 2 lacks the index table that FEC 0 reads.
   ASSERT_TRUE(run_tool(small({"--payload-file", p, "--wm-id", "3"})).exited(0));
   r = run_tool(small({"--payload-file", p, "--fec", "0"}));
