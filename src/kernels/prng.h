@@ -1,6 +1,6 @@
 // The generator behind every dither, mask and shuffle except the Reed-Muller
-// shuffle: a xoroshiro64-style state transition whose output is the raw new
-// state (no scrambler), eight bytes per step.
+// shuffle: a 64-bit xor/shift/rotate state transition whose output is the raw
+// new state (no output multiplication), eight bytes per step.
 #pragma once
 
 #include <cstdint>
