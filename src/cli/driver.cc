@@ -12,6 +12,7 @@
 
 #include "cli/options.h"
 #include "cli/payload_file.h"
+#include "cli/progress.h"
 #include "filter/filter.h"
 #include "kernels/intmath.h"
 #include "payload/payload_map.h"
@@ -53,19 +54,26 @@ int64_t frame_size_for(const std::string& pix_fmt, int32_t width, int32_t height
 bool run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in, FILE* out,
                 int32_t width, int32_t height, int32_t seed) {
   const size_t frame = static_cast<size_t>(frame_size);
+  // Drawn only when standard error is a terminal; erased before any message.
+  Progress progress;
   size_t fill = 0;
   for (;;) {
     // A frame may arrive in several pieces, as from a pipe; end of input and
     // a read error both end the loop, dropping any partial frame.
     const size_t got = std::fread(buffer + fill, 1, frame - fill, in);
-    if (got == 0) return true;
+    if (got == 0) {
+      progress.finish();
+      return true;
+    }
     fill += got;
     if (fill < frame) continue;
     if (wm_filter_apply(filter, buffer, width, height, width, seed) != 0) {
+      progress.finish();
       std::cerr << "Error applying watermark" << std::endl;
       return false;
     }
     std::fwrite(buffer, 1, frame, out);
+    progress.frame_done(frame_size);
     fill -= frame;
     // Reads never ask for more than the rest of a frame, so nothing is left
     // over; the spare second half of the buffer would hold any surplus.
