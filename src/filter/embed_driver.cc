@@ -122,6 +122,8 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
   const int32_t cols = width / sp_w;
   const int32_t rows = height / sp_h;
   if (cols < 1 || rows < 1) return;
+  const int32_t total = wrap_mul(rows, cols);
+  if (total < 1) return;
 
   PatternLayout layout;
   pattern_layout(&layout, kClasses, kVariants, strength, sp_w, sp_h, border_w, border_h);
@@ -130,8 +132,6 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
   if (bank_bytes != layout.total) return;
   int8_t* bank = static_cast<int8_t*>(std::malloc(static_cast<size_t>(layout.total)));
   if (bank == nullptr) return;
-
-  const int32_t total = rows * cols;
 
   // The first twelve map values key the bank; a grid of fewer superpixels
   // counts the missing ones as '0'.
@@ -167,7 +167,8 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
   EmbedRecord* records = nullptr;
   if (log != nullptr && log->sp_w == sp_w && log->sp_h == sp_h && log->stride == stride &&
       log->border_w == border_w && log->border_h == border_h) {
-    records = static_cast<EmbedRecord*>(std::calloc(static_cast<size_t>(total), sizeof(EmbedRecord)));
+    records =
+        static_cast<EmbedRecord*>(std::calloc(static_cast<size_t>(total), sizeof(EmbedRecord)));
   }
 
   EmbedTask tasks[kMaxWorkers];
