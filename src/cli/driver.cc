@@ -49,10 +49,30 @@ int64_t frame_size_for(const std::string& pix_fmt, int32_t width, int32_t height
   return 0;
 }
 
-// Streams whole frames from in to out through the filter. Returns false when
-// the filter fails on a frame.
-bool run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in, FILE* out,
-                int32_t width, int32_t height, int32_t seed) {
+// True when a frame of frame_size bytes holds the whole width x height luma
+// plane that the filter works on. A 32-bit frame size that wrapped to a
+// smaller positive number does not, and would make the filter read and write
+// past the frame buffer.
+bool frame_holds_luma(int64_t frame_size, int32_t width, int32_t height) {
+  return frame_size >= int64_t{width} * int64_t{height};
+}
+
+// The output could not take all of the marked video (a full disk, a closed
+// descriptor, or a reader that went away while SIGPIPE is ignored).
+void report_write_error(const std::string& output_file) {
+  if (output_file.empty()) {
+    std::cerr << "Error writing standard output" << std::endl;
+  } else {
+    std::cerr << "Error writing output file: " << output_file << std::endl;
+  }
+}
+
+enum class LoopEnd { Done, FilterFailed, WriteFailed };
+
+// Streams whole frames from in to out through the filter, until the input
+// ends, the filter fails on a frame or a frame cannot be written.
+LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
+                   FILE* out, int32_t width, int32_t height, int32_t seed) {
   const size_t frame = static_cast<size_t>(frame_size);
   // Drawn only when standard error is a terminal; erased before any message.
   Progress progress;
@@ -63,16 +83,21 @@ bool run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FI
     const size_t got = std::fread(buffer + fill, 1, frame - fill, in);
     if (got == 0) {
       progress.finish();
-      return true;
+      return LoopEnd::Done;
     }
     fill += got;
     if (fill < frame) continue;
     if (wm_filter_apply(filter, buffer, width, height, width, seed) != 0) {
       progress.finish();
       std::cerr << "Error applying watermark" << std::endl;
-      return false;
+      return LoopEnd::FilterFailed;
     }
-    std::fwrite(buffer, 1, frame, out);
+    // Output that cannot be written ends the run: going on would only mark
+    // frames that are thrown away and end with a success status.
+    if (std::fwrite(buffer, 1, frame, out) != frame) {
+      progress.finish();
+      return LoopEnd::WriteFailed;
+    }
     progress.frame_done(frame_size);
     fill -= frame;
     // Reads never ask for more than the rest of a frame, so nothing is left
@@ -181,7 +206,8 @@ int run_lumamark(int argc, char** argv) {
   wm_filter_set_payload(filter, payload_map.data(), indexes, encoded_bit_count, sp, width, height);
 
   const int64_t frame_size = frame_size_for(config.pix_fmt, width, height);
-  if (frame_size == 0) {
+  // A negative size is left to the allocation below, which refuses it.
+  if (frame_size == 0 || (frame_size > 0 && !frame_holds_luma(frame_size, width, height))) {
     std::cerr << "Invalid frame dimensions or pixel format" << std::endl;
     wm_filter_free(filter);
     return 1;
@@ -229,14 +255,22 @@ int run_lumamark(int argc, char** argv) {
     }
   }
 
-  const bool ok = run_frames(filter, buffer, frame_size, in, out, width, height, config.seed);
+  const LoopEnd end = run_frames(filter, buffer, frame_size, in, out, width, height, config.seed);
 
-  // The standard streams stay open; files are closed on both paths.
+  // The standard streams stay open; files are closed on every path. Frames
+  // still in the stream's buffer reach the output only here, so a failure to
+  // flush loses video just as a failed write does.
+  bool written = end != LoopEnd::WriteFailed;
   if (in != stdin) std::fclose(in);
-  if (out != stdout) std::fclose(out);
+  if (out != stdout) {
+    if (std::fclose(out) != 0) written = false;
+  } else if (std::fflush(out) != 0) {
+    written = false;
+  }
+  if (!written && end != LoopEnd::FilterFailed) report_write_error(config.output_file);
   std::free(buffer);
   wm_filter_free(filter);
-  return ok ? 0 : 1;
+  return end == LoopEnd::Done && written ? 0 : 1;
 }
 
 }  // namespace lumamark
