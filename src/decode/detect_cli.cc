@@ -1,0 +1,271 @@
+// lumamark-detect: reads raw planar YUV frames, measures their luma, and tells
+// whether they carry a watermark and which ID.
+#include "decode/detect_cli.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <sstream>
+#include <vector>
+
+#include "payload/wm_id.h"
+
+namespace lumamark {
+
+namespace {
+
+constexpr char kVersion[] = "2.1.3";
+
+// Strict base-10 integer: optional sign and digits, nothing else, within the
+// range of a signed 64-bit value.
+bool parse_int(const std::string& text, int64_t* value) {
+  if (text.empty()) return false;
+  errno = 0;
+  char* end = nullptr;
+  const long long v = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || end == text.c_str() || *end != '\0') return false;
+  *value = v;
+  return true;
+}
+
+bool parse_int32(const std::string& text, int32_t* value) {
+  int64_t v = 0;
+  if (!parse_int(text, &v) || v < std::numeric_limits<int32_t>::min() ||
+      v > std::numeric_limits<int32_t>::max()) {
+    return false;
+  }
+  *value = static_cast<int32_t>(v);
+  return true;
+}
+
+std::string format_z(double z) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.2f", z);
+  return buf;
+}
+
+}  // namespace
+
+void print_detect_usage(const char* program, std::ostream& out) {
+  out << "Usage: " << program << " <options>\n"
+      << "Reads raw planar YUV frames and looks for a watermark in their luma.\n"
+      << "Options:\n"
+      << "  --help                Show this help message\n"
+      << "  --version             Show version information\n"
+      << "  --input-file <path>   Input yuv file (default: standard input)\n"
+      << "  --width <int>         Input file width (default 1920)\n"
+      << "  --height <int>        Input file height (default 1080)\n"
+      << "  --pix-fmt <str>       Pixel format: yuv420p (default), yuv422p or yuv444p\n"
+      << "  --frames <int>        Number of frames to use (default: all)\n"
+      << "  --sp-width <int>      Superpixel size used when embedding (default 7)\n"
+      << "  --spb-width <int>     Superpixel border used when embedding (0 = auto)\n"
+      << "  --fec <int>           Forward error correction mode used when embedding: 0 or 2 (default)\n"
+      << "  --bit-profile <int>   Bit profile used when embedding (default 13)\n"
+      << "  --user-urn <str>      User organization URN used when embedding\n"
+      << "  --strength <int>      Embedding strength used when embedding (default 3)\n"
+      << "  --seed <int>          Superpixel mask seed used when embedding (-1 = unknown, default)\n"
+      << "  --sp-density <int>    Superpixel density used when embedding (default 100)\n"
+      << "  --threads <int>       Number of threads to use (0 = auto-detect, default 1)\n"
+      << "  --json                Print the result as one JSON object\n"
+      << "  --wm-id <str>         Expected watermark ID: also report whether it matches and\n"
+      << "                        the bit error rate of the superpixels against it\n";
+}
+
+DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::ostream& err) {
+  if (argc < 2) {
+    print_detect_usage(argc > 0 ? argv[0] : "lumamark-detect", std::cout);
+    return DetectParse::kError;
+  }
+  DetectConfig& c = o->config;
+  struct IntOption {
+    const char* name;
+    int32_t* field;
+  };
+  const IntOption ints[] = {
+      {"--width", &c.width},         {"--height", &c.height},       {"--sp-width", &c.sp_width},
+      {"--spb-width", &c.spb_width}, {"--fec", &c.fec},             {"--bit-profile", &c.bit_profile},
+      {"--strength", &c.strength},   {"--seed", &c.seed},           {"--sp-density", &c.sp_density},
+      {"--threads", &c.threads},
+  };
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      print_detect_usage(argv[0], std::cout);
+      return DetectParse::kHelp;
+    }
+    if (arg == "--version") {
+      std::cout << kVersion << std::endl;
+      return DetectParse::kVersion;
+    }
+    if (arg == "--json") {
+      o->json = true;
+      continue;
+    }
+    const IntOption* int_option = nullptr;
+    for (const IntOption& opt : ints) {
+      if (arg == opt.name) int_option = &opt;
+    }
+    const bool takes_text = arg == "--input-file" || arg == "--pix-fmt" || arg == "--user-urn" ||
+                            arg == "--wm-id" || arg == "--frames";
+    if (int_option == nullptr && !takes_text) {
+      err << "Error: Unknown option: " << arg << "\n";
+      return DetectParse::kError;
+    }
+    if (i + 1 >= argc) {
+      err << "Error: " << arg << " requires an argument\n";
+      return DetectParse::kError;
+    }
+    const std::string value = argv[++i];
+    if (int_option != nullptr) {
+      if (!parse_int32(value, int_option->field)) {
+        err << "Error: " << arg << " expects an integer, got '" << value << "'\n";
+        return DetectParse::kError;
+      }
+    } else if (arg == "--frames") {
+      int64_t n = 0;
+      if (!parse_int(value, &n) || n < 1) {
+        err << "Error: --frames expects a positive integer, got '" << value << "'\n";
+        return DetectParse::kError;
+      }
+      o->max_frames = n;
+    } else if (arg == "--input-file") {
+      o->input_file = value;
+    } else if (arg == "--pix-fmt") {
+      o->pix_fmt = value;
+    } else if (arg == "--user-urn") {
+      c.user_urn = value;
+    } else {
+      o->expect_id = value;
+    }
+  }
+  return DetectParse::kRun;
+}
+
+int64_t detect_frame_bytes(const std::string& pix_fmt, int32_t width, int32_t height) {
+  const int64_t luma = static_cast<int64_t>(width) * height;
+  if (pix_fmt == "yuv420p") return luma * 3 / 2;
+  if (pix_fmt == "yuv422p") return luma * 2;
+  if (pix_fmt == "yuv444p") return luma * 3;
+  return -1;
+}
+
+std::string format_detect_report(const DetectResult& r, const ExpectedCheck* expected,
+                                 const std::string& expected_id, bool json) {
+  std::ostringstream out;
+  const std::string z = format_z(r.z);
+  if (json) {
+    out << "{\"wm_id\": \"" << r.wm_id << "\", \"z\": " << z << ", \"frames\": " << r.frames
+        << ", \"verdict\": \"" << verdict_name(r.verdict) << "\"";
+    if (expected != nullptr) {
+      char ber[32];
+      std::snprintf(ber, sizeof ber, "%.4f", expected->ber);
+      out << ", \"expected\": \"" << expected_id << "\", \"match\": "
+          << (expected->match ? "true" : "false") << ", \"ber\": " << ber;
+    }
+    out << "}\n";
+    return out.str();
+  }
+  const std::string frames = std::to_string(r.frames) + (r.frames == 1 ? " frame" : " frames");
+  switch (r.verdict) {
+    case Verdict::kDetected:
+      out << "Watermark detected: ID " << r.wm_id << " (z " << z << " from " << frames << ").\n";
+      break;
+    case Verdict::kWeak:
+      out << "Weak watermark: ID " << r.wm_id << " is uncertain (z " << z << " from " << frames
+          << ").\n";
+      break;
+    case Verdict::kNone:
+      out << "No watermark detected (z " << z << " from " << frames << "); the best guess, ID "
+          << r.wm_id << ", is not reliable.\n";
+      break;
+  }
+  if (expected != nullptr) {
+    char ber[32];
+    std::snprintf(ber, sizeof ber, "%.4f", expected->ber);
+    out << "Expected ID " << expected_id << ": " << (expected->match ? "matches" : "does not match")
+        << "; superpixel bit error rate against it " << ber << ".\n";
+  }
+  return out.str();
+}
+
+int detect_exit_status(Verdict v) { return v == Verdict::kDetected ? 0 : 2; }
+
+int run_detect(int argc, char** argv) {
+  DetectOptions o;
+  switch (parse_detect_options(argc, argv, &o, std::cerr)) {
+    case DetectParse::kRun:
+      break;
+    case DetectParse::kHelp:
+    case DetectParse::kVersion:
+      return 0;
+    case DetectParse::kError:
+      return 1;
+  }
+  const DetectConfig& c = o.config;
+  const int64_t frame_bytes = detect_frame_bytes(o.pix_fmt, c.width, c.height);
+  if (frame_bytes < 0) {
+    std::cerr << "Error: Unsupported pixel format: " << o.pix_fmt
+              << " (use yuv420p, yuv422p or yuv444p)\n";
+    return 1;
+  }
+  std::string expected_bits;
+  if (!o.expect_id.empty()) {
+    if (wm_id_validate(o.expect_id.c_str(), c.bit_profile) != 0) {
+      std::cerr << "Error: --wm-id " << o.expect_id << " is not a hexadecimal ID of at most "
+                << c.bit_profile << " bits\n";
+      return 1;
+    }
+    char* bits = hex_to_bits(o.expect_id.c_str(), static_cast<uint32_t>(c.bit_profile));
+    expected_bits = bits;
+    std::free(bits);
+  }
+
+  Detector d;
+  std::string error;
+  if (detector_init(&d, c, &error) != 0) {
+    std::cerr << "Error: " << error << "\n";
+    return 1;
+  }
+
+  FILE* in = stdin;
+  if (!o.input_file.empty()) {
+    in = std::fopen(o.input_file.c_str(), "rb");
+    if (in == nullptr) {
+      std::cerr << "Error: Cannot open input file: " << o.input_file << "\n";
+      return 1;
+    }
+  }
+  std::vector<uint8_t> frame(static_cast<size_t>(frame_bytes));
+  int64_t frames = 0;
+  while (o.max_frames < 0 || frames < o.max_frames) {
+    if (std::fread(frame.data(), 1, frame.size(), in) != frame.size()) break;
+    detector_add_frame(&d, frame.data(), c.width);
+    ++frames;
+  }
+  const bool read_error = std::ferror(in) != 0;
+  if (in != stdin) std::fclose(in);
+  if (read_error) {
+    std::cerr << "Error: Failed to read the input\n";
+    return 1;
+  }
+  if (frames == 0) {
+    std::cerr << "Error: The input holds no complete frame of " << c.width << "x" << c.height
+              << " " << o.pix_fmt << "\n";
+    return 1;
+  }
+
+  const DetectResult result = detector_result(&d);
+  ExpectedCheck check;
+  if (!expected_bits.empty()) {
+    check.match = result.bits == expected_bits;
+    check.ber = detector_bit_error_rate(d, detector_expected_symbols(d, expected_bits));
+  }
+  std::cout << format_detect_report(result, expected_bits.empty() ? nullptr : &check,
+                                    bits_to_hex(expected_bits), o.json);
+  std::cout.flush();
+  return detect_exit_status(result.verdict);
+}
+
+}  // namespace lumamark

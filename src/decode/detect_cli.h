@@ -1,0 +1,49 @@
+// Command line of lumamark-detect: options, frame reading, report.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+#include "decode/detector.h"
+
+namespace lumamark {
+
+// Everything one detector run is told on its command line.
+struct DetectOptions {
+  DetectConfig config;       // settings shared with the embedder
+  std::string input_file;    // raw YUV input; empty = standard input
+  std::string pix_fmt = "yuv420p";  // yuv420p, yuv422p or yuv444p
+  int64_t max_frames = -1;   // --frames: frames to use, >= 1; -1 = all
+  bool json = false;         // --json: one JSON object instead of words
+  std::string expect_id;     // --wm-id: ID to compare against; empty = none
+};
+
+enum class DetectParse { kRun, kHelp, kVersion, kError };
+
+// Parses argv[1..argc-1] into options; messages go to err.
+DetectParse parse_detect_options(int argc, char** argv, DetectOptions* options, std::ostream& err);
+
+void print_detect_usage(const char* program, std::ostream& out);
+
+// Bytes of one frame of the given pixel format, or -1 for an unknown format.
+int64_t detect_frame_bytes(const std::string& pix_fmt, int32_t width, int32_t height);
+
+// What is compared when --wm-id is given.
+struct ExpectedCheck {
+  bool match = false;  // decoded ID equals the expected one
+  double ber = 0;      // wrong-signed superpixels against the expected coded symbols
+};
+
+// The report: one JSON object or a few sentences, each ending in a line end.
+std::string format_detect_report(const DetectResult& result, const ExpectedCheck* expected,
+                                 const std::string& expected_id, bool json);
+
+// Exit status for a verdict: 0 detected, 2 weak or none.
+int detect_exit_status(Verdict v);
+
+// Runs the detector; returns the exit status (0 detected, 2 weak or none,
+// 1 error).
+int run_detect(int argc, char** argv);
+
+}  // namespace lumamark
