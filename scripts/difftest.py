@@ -230,7 +230,8 @@ def settings(rng, quick):
     else:
         c["spd"] = rng.randint(0, 100) if r < 0.8 else rng.choice([0, 100])
     if "pd" in odd:
-        c["pd"] = rng.choice([-200, -50, -6, 130, 250, 1000])
+        c["pd"] = rng.choice([-200, -50, -6, 130, 250, 1000, 2147483647,
+                              -2147483648, 1000000000, -1000000000])
     else:
         c["pd"] = rng.randint(0, 100)
     c["pm"] = rng.choice([4, -1, 7]) if "pm" in odd else rng.randint(0, 3)

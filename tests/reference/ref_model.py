@@ -517,9 +517,10 @@ def block_ssd(luma, off, w, h, stride):
     if h < 1:
         return 0
     vals = []
-    for r in range(h):
-        o = off + r * stride
-        vals.extend(luma[o:o + w])
+    if w >= 1:
+        for r in range(h):
+            o = off + r * stride
+            vals.extend(luma[o:o + w])
     s = sum(vals) & M32
     mean = cdiv(s32(s), s32(w * h))
     return s32(sum((v - mean) * (v - mean) for v in vals))
@@ -539,11 +540,13 @@ def embed_superpixel(luma, x, y, stride, sp_w, sp_h, spb_w, spb_h, value,
         hi = lo ^ 0xACBDEF01
         rng = Prng64(lo, hi)
     elif pm_mode == 2:
-        top = block_ssd(luma, y * stride + x, sp_w, 2 * bh, stride)
-        bottom = block_ssd(luma, (sp_h + y - 2 * bh) * stride + x, sp_w,
-                           2 * bh, stride)
-        left = block_ssd(luma, y * stride + x, 2 * bw, sp_h, stride)
-        right = block_ssd(luma, y * stride + (sp_w + x - 2 * bw), 2 * bw,
+        bh2 = s32(2 * bh)
+        bw2 = s32(2 * bw)
+        top = block_ssd(luma, y * stride + x, sp_w, bh2, stride)
+        bottom = block_ssd(luma, (sp_h + y - bh2) * stride + x, sp_w,
+                           bh2, stride)
+        left = block_ssd(luma, y * stride + x, bw2, sp_h, stride)
+        right = block_ssd(luma, y * stride + (sp_w + x - bw2), bw2,
                           sp_h, stride)
         m = min(min(top, bottom), min(left, right))
         if m < 1000:
@@ -777,9 +780,10 @@ class PatternBank:
         levels = self.levels
         P = [0] * (S * S)
         d = min(s32(self.base + CLASS_ADJUST[c]), 100)
-        hi = cdiv(cdiv(d, 2) * 256, 100)
-        lo = cdiv(cdiv(d, 4) * 256, 100)
-        t = cdiv(min(cdiv(s32(d * levels), L + 1), 100) * 256, 100)
+        # 32-bit arithmetic throughout: extreme densities wrap
+        hi = cdiv(s32(cdiv(d, 2) * 256), 100)
+        lo = cdiv(s32(cdiv(d, 4) * 256), 100)
+        t = cdiv(s32(min(cdiv(s32(d * levels), L + 1), 100) * 256), 100)
         if self.steps:
             idx = (c * 16 + v) * levels + L
             st = prng_jump(self.start, idx * self.steps)
@@ -857,8 +861,10 @@ class EmbedLog:
         self.border = border
         self.init_value = init_value
         self.stride = stride
-        bw2 = 2 * border if border > 0 else (2 if sp <= 7 else 2 * cdiv(sp, 8))
-        self.inner_area = max(s32((sp - bw2) * (sp - bw2)), 1)
+        bw2 = s32(2 * border) if border > 0 else (
+            2 if sp <= 7 else 2 * cdiv(sp, 8))
+        side = s32(sp - bw2)
+        self.inner_area = max(s32(side * side), 1)
         self.bin_count = [0] * 21
         self.bin_signal = [0.0] * 21
         self.bin_extr = [0.0] * 21
