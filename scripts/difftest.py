@@ -208,12 +208,19 @@ def settings(rng, quick):
     c["fec"] = rng.choice([0, 2, 2])
     r = rng.random()
     if "bits" in odd:
-        bits = rng.choice([0, 2048, 2049, 24] if not quick else [0, 2049])
+        bits = rng.choice([0, 2048, 2049, 24, 229, 240, 300, 500] if not
+                          quick else [0, 2049])
     elif r < 0.85:
         bits = rng.randint(1, 14 if quick else 16)
     else:
         bits = rng.randint(1, 16) if quick else rng.randint(17, 20)
     c["bits"] = bits
+    if 200 < bits < 1000 and rng.random() < 0.7:
+        # a grid that holds whole repetitions of a code longer than 256
+        c["sp"] = sp = 5
+        c["spb"] = rng.choice([None, 1, 2])
+        c["w"] = rng.randint(120, 160)
+        c["h"] = rng.randint(120, 160)
     if "wm_id" in odd:
         if rng.random() < 0.5:
             wid = hexid(rng, max(bits, 0) + rng.randint(1, 6))  # too long
@@ -469,7 +476,8 @@ def case_cli(rng, quick):
                        "badint", "oddint", "fec", "threads", "spwidth",
                        "border", "pixfmt", "strength", "spdensity",
                        "nofile", "noout", "nopayload", "savefail",
-                       "logdir", "bitprofile", "pmmode"])
+                       "logdir", "bitprofile", "pmmode"] +
+                      ([] if quick else ["fullout", "fullpayload"]))
     args = flatten(pairs, rng, shuffle=False)
     files = {}
     stdin = b""
@@ -531,6 +539,14 @@ def case_cli(rng, quick):
         args = strip_opt(args, "--wm-id") + [
             "--wm-id", "1", "--payload-file",
             rng.choice(["nodir/p.bin", "."]), "--input-file", "missing.yuv"]
+    elif kind == "fullout":
+        # write errors on the video, log and payload files are not examined
+        args = strip_opt(args, "--wm-id") + ["--output-file", "/dev/full"]
+        if rng.random() < 0.5:
+            args += ["--embed-log", "/dev/full"]
+    elif kind == "fullpayload":
+        args = strip_opt(args, "--wm-id") + ["--wm-id", "1", "--payload-file",
+                                             "/dev/full"]
     elif kind == "logdir":
         args = args + ["--embed-log", "nodir/log.json"]
     elif kind == "bitprofile":

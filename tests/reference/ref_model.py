@@ -25,6 +25,7 @@ Only the Python 3.11 standard library is used.  It is meant for small frames.
 """
 
 import os
+import signal
 import sys
 
 M32 = 0xFFFFFFFF
@@ -157,17 +158,38 @@ def stoi(word):
 
 # ---------------------------------------------------------------- output
 
+def _write_all(fd, data):
+    """Writes data to fd; returns False after a write error."""
+    try:
+        while data:
+            data = data[os.write(fd, data):]
+    except OSError:
+        return False
+    return True
+
+
 class Streams:
+    """Standard output is buffered (flushed when large and at exit) and
+    standard error is not, as with C stdio.  Write errors are ignored."""
+
     def __init__(self):
-        self.out = sys.stdout.buffer
-        self.err = sys.stderr.buffer
+        self.buf = []
+        self.size = 0
 
     def o(self, b):
-        self.out.write(b)
+        self.buf.append(b)
+        self.size += len(b)
+        if self.size >= 1 << 16:
+            self.flush()
+
+    def flush(self):
+        data = b"".join(self.buf)
+        self.buf = []
+        self.size = 0
+        _write_all(1, data)
 
     def e(self, b):
-        self.err.write(b)
-        self.err.flush()
+        _write_all(2, b)
 
 
 IO = Streams()
@@ -942,10 +964,7 @@ class EmbedLog:
         if len(line) > len(buf):
             buf.extend(b"\0" * (len(line) - len(buf)))
         buf[0:len(line)] = line
-        try:
-            os.write(self.fd, bytes(buf))
-        except OSError:
-            pass
+        _write_all(self.fd, bytes(buf))
         os.close(self.fd)
 
 
@@ -1147,7 +1166,7 @@ def parse_options(prog, words, cfg):
             return HELP_SHOWN
         if w == b"--version":
             IO.o(b"2.1.3\n")
-            IO.out.flush()
+            IO.flush()
             return VERSION_SHOWN
         if w == b"--deep-fake":
             cfg["deep_fake"] = True
@@ -1311,10 +1330,7 @@ def run(prog, words):
         data += bytes(pmap)
         if indexes is not None:
             data += bytes(indexes)
-        try:
-            os.write(fd, data)
-        except OSError:
-            pass
+        _write_all(fd, data)
         os.close(fd)
         return 0
     if mode == "gen":
@@ -1381,9 +1397,7 @@ def run(prog, words):
         if outfd is None:
             IO.o(bytes(buf))
         else:
-            data = bytes(buf)
-            while data:
-                data = data[os.write(outfd, data):]
+            _write_all(outfd, bytes(buf))
     if cfg["input_file"]:
         os.close(infd)
     if outfd is not None:
@@ -1392,6 +1406,8 @@ def run(prog, words):
 
 
 def main():
+    # a closed pipe on standard output ends the process as it would the tool
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     prog_env = os.environ.get("LUMAMARK_ARGV0")
     prog = os.fsencode(prog_env if prog_env is not None else sys.argv[0])
     words = [os.fsencode(a) for a in sys.argv[1:]]
@@ -1401,8 +1417,8 @@ def main():
         IO.e(b"terminate called after throwing an instance of '"
              + e.kind.encode() + b"'\n  what():  stoi\n")
         os.abort()
-    IO.out.flush()
-    sys.exit(status)
+    IO.flush()
+    os._exit(status)
 
 
 if __name__ == "__main__":
