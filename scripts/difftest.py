@@ -580,12 +580,15 @@ def strip_opt(args, opt):
 
 
 def case_huge(rng, quick):
-    """A frame size that is negative after the 32-bit wrap."""
+    """A frame size that is negative, or positive but smaller than the luma
+    plane, after the 32-bit wrap (W x H itself fits in 32 bits)."""
+    small = rng.random() < 0.3
     while True:
-        w = rng.randint(20000, 50000)
-        h = rng.randint(20000, 50000)
+        w = rng.randint(20000, 46000)
+        h = rng.randint(20000, 46000)
         fmt = rng.choice(["yuv420p", "yuv444p", "yuv422p"])
-        if frame_size(w, h, fmt) < 0:
+        fs = frame_size(w, h, fmt)
+        if w * h < 2 ** 31 and (0 < fs < w * h if small else fs < 0):
             break
     args = ["--width", str(w), "--height", str(h), "--sp-width", "64",
             "--fec", "0", "--bit-profile", "8", "--wm-id", "a5",
