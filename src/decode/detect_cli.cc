@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <limits>
+#include <new>
 #include <sstream>
 #include <vector>
 
@@ -181,6 +182,18 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
           << r.wm_id << ", is not reliable.\n";
       break;
   }
+  if (r.blocks.size() > 1) {
+    out << "Reed-Muller blocks:";
+    for (size_t i = 0; i < r.blocks.size(); ++i) {
+      out << (i == 0 ? " z " : ", ") << format_z(r.blocks[i].z);
+    }
+    out << " (bits 1.." << r.bits.size() << " in " << r.blocks.size() << " blocks).\n";
+  }
+  if (!r.parity_ok.empty()) {
+    size_t pass = 0;
+    for (uint8_t ok : r.parity_ok) pass += ok != 0;
+    out << "Parity checks: " << pass << " of " << r.parity_ok.size() << " groups pass.\n";
+  }
   if (expected != nullptr) {
     char ber[32];
     std::snprintf(ber, sizeof ber, "%.4f", expected->ber);
@@ -192,7 +205,9 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
 
 int detect_exit_status(Verdict v) { return v == Verdict::kDetected ? 0 : 2; }
 
-int run_detect(int argc, char** argv) {
+namespace {
+
+int run_detect_checked(int argc, char** argv) {
   DetectOptions o;
   switch (parse_detect_options(argc, argv, &o, std::cerr)) {
     case DetectParse::kRun:
@@ -204,6 +219,12 @@ int run_detect(int argc, char** argv) {
       return 1;
   }
   const DetectConfig& c = o.config;
+  Detector d;
+  std::string error;
+  if (detector_init(&d, c, &error) != 0) {
+    std::cerr << "Error: " << error << "\n";
+    return 1;
+  }
   const int64_t frame_bytes = detect_frame_bytes(o.pix_fmt, c.width, c.height);
   if (frame_bytes < 0) {
     std::cerr << "Error: Unsupported pixel format: " << o.pix_fmt
@@ -220,13 +241,6 @@ int run_detect(int argc, char** argv) {
     char* bits = hex_to_bits(o.expect_id.c_str(), static_cast<uint32_t>(c.bit_profile));
     expected_bits = bits;
     std::free(bits);
-  }
-
-  Detector d;
-  std::string error;
-  if (detector_init(&d, c, &error) != 0) {
-    std::cerr << "Error: " << error << "\n";
-    return 1;
   }
 
   FILE* in = stdin;
@@ -266,6 +280,17 @@ int run_detect(int argc, char** argv) {
                                     bits_to_hex(expected_bits), o.json);
   std::cout.flush();
   return detect_exit_status(result.verdict);
+}
+
+}  // namespace
+
+int run_detect(int argc, char** argv) {
+  try {
+    return run_detect_checked(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::cerr << "Error: Out of memory\n";
+    return 1;
+  }
 }
 
 }  // namespace lumamark
