@@ -94,11 +94,12 @@ int32_t embed_superpixel(uint8_t* luma, int32_t x, int32_t y, int32_t step, int3
                         (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
                         static_cast<uint32_t>(wrap_add(x, 1));
     prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
-  } else if (pm_mode == 2 && (2 * bw > sp_w || 2 * bh > sp_h)) {
+  } else if (pm_mode == 2 && (int64_t{2} * bw > sp_w || int64_t{2} * bh > sp_h)) {
     // Borders wider than half the side would put the strips outside the
     // superpixel (even before the plane). The bank's patterns are all zero
     // for such a geometry, so nothing is embedded whatever the table; treat
-    // the border as flat.
+    // the border as flat. (Twice the border is formed in 64 bits so that a
+    // border near the 32-bit limit cannot wrap past this test.)
     for (int32_t i = 1; i < 8; ++i) small[i] = 1;
   } else if (pm_mode == 2) {
     // The strips are twice the border thick, measured before any change.

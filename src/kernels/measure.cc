@@ -67,6 +67,10 @@ int32_t signal_measure(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, 
                        int32_t stride, int32_t spb_w, int32_t spb_h) {
   const int32_t bw = spb_w > 0 ? spb_w : imax(sp_w / 8, 1);
   const int32_t bh = spb_h > 0 ? spb_h : imax(sp_h / 8, 1);
+  // Borders of half the side or more leave no inner area. Twice the border is
+  // formed in 64 bits: for a border near the 32-bit limit it would wrap into
+  // a small inner size and send the reads far outside the superpixel.
+  if (int64_t{2} * bw >= sp_w || int64_t{2} * bh >= sp_h) return 0;
   const int32_t iw = sp_w - 2 * bw;
   const int32_t ih = sp_h - 2 * bh;
   if (ih < 1 || iw < 1) return 0;
