@@ -30,15 +30,18 @@ damages=(clean half crf18 crf23 crf28 crf33)
 ensure_build_deps
 ensure_video_deps
 
+mkdir -p "$out"
 if [ ! -f "$build/build.ninja" ]; then
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 fi
-cmake --build "$build" --target lumamark lumamark-detect lumamark-sample >/dev/null
+if ! cmake --build "$build" --target lumamark lumamark-detect lumamark-sample >"$out/build.log" 2>&1; then
+  cat "$out/build.log" >&2
+  exit 1
+fi
 lumamark=$build/lumamark
 detect=$build/lumamark-detect
 sample=$build/lumamark-sample
 
-mkdir -p "$out"
 ff() { ffmpeg -nostdin -v error -y "$@"; }
 
 # The clip is generated at 1080p and scaled for the smaller sizes.
