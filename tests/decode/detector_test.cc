@@ -204,23 +204,17 @@ TEST(Detector, RefusesSettingsTheEmbedderCannotUse) {
   Detector d;
   std::string error;
   DetectConfig c;
-  c.sp_width = 4;
-  EXPECT_EQ(detector_init(&d, c, &error), -1);
-  c = DetectConfig{};
   c.fec = 1;
   EXPECT_EQ(detector_init(&d, c, &error), -1);
   EXPECT_EQ(error, "Unsupported FEC mode (1), use 0 or 2");
   c = DetectConfig{};
   c.width = 14;
   c.height = 14;
-  c.bit_profile = 5;  // 4 superpixels
+  c.bit_profile = 5;  // more bits than the 4 superpixels
   EXPECT_EQ(detector_init(&d, c, &error), -1);
   c.fec = 0;
   c.bit_profile = 3;  // 4 coded bits fit once
   EXPECT_EQ(detector_init(&d, c, &error), 0);
-  c = DetectConfig{};
-  c.sp_density = 101;
-  EXPECT_EQ(detector_init(&d, c, &error), -1);
 }
 
 TEST(Detector, VerdictsAndHex) {

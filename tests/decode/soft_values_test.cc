@@ -41,16 +41,6 @@ TEST(SoftValues, CentredScaledClippedAndSigned) {
   for (int32_t i = 0; i < n; ++i) EXPECT_FLOAT_EQ(a[i], signs[i] < 0 ? -b[i] : b[i]);
 }
 
-TEST(SoftValues, FlatPictureGivesZeros) {
-  const SoftGrid grid{4, 3, 7, 0};
-  std::vector<int32_t> m(12, 0);
-  std::vector<int8_t> signs(12, -1);
-  std::vector<float> out(12, 5.0f);
-  SoftScratch scratch;
-  soft_values(m.data(), grid, signs.data(), out.data(), &scratch);
-  for (float v : out) EXPECT_EQ(v, 0.0f);
-}
-
 // The threaded measurement equals signal_measure_grid, whatever the split.
 TEST(SoftValues, MeasureFrameMatchesGrid) {
   const int32_t w = 7 * 9 + 3, h = 7 * 11 + 5, stride = w + 4;
