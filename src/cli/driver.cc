@@ -49,12 +49,34 @@ int64_t frame_size_for(const std::string& pix_fmt, int32_t width, int32_t height
   return 0;
 }
 
-// True when a frame of frame_size bytes holds the whole width x height luma
-// plane that the filter works on. A 32-bit frame size that wrapped to a
-// smaller positive number does not, and would make the filter read and write
-// past the frame buffer.
-bool frame_holds_luma(int64_t frame_size, int32_t width, int32_t height) {
-  return frame_size >= int64_t{width} * int64_t{height};
+// True when the 32-bit frame size wrapped to a positive number too small for
+// the width x height luma plane that the filter works on: such frames would
+// make the filter read and write past the frame buffer, and are refused like
+// a size of 0. (A size that wrapped to a negative number is refused by the
+// allocation of the frame buffer.)
+bool frame_size_wrapped(int64_t frame_size, int32_t width, int32_t height) {
+  return frame_size > 0 && frame_size < int64_t{width} * int64_t{height};
+}
+
+// The refusal that the checks before the frame loop give for a frame of
+// frame_size bytes, in their order, or an empty text when frames can be
+// marked (the allocation of the frame buffer may still fail).
+std::string frame_refusal(const EmbedConfig& config, int64_t frame_size, int32_t width,
+                          int32_t height) {
+  if (frame_size == 0 || frame_size_wrapped(frame_size, width, height)) {
+    return "Invalid frame dimensions or pixel format";
+  }
+  if (config.strength < 1) return "Error: --strength must be >= 1";
+  if (config.sp_density < 0 || config.sp_density > 100) {
+    return "Error: --sp-density must be in [0, 100]";
+  }
+  // A size that wrapped to a negative number asks for a buffer of more than
+  // 2^63 bytes, which no allocation gives.
+  if (frame_size < 0) {
+    return "Failed to allocate frame buffer of size " +
+           std::to_string(static_cast<uint64_t>(2 * frame_size));
+  }
+  return std::string();
 }
 
 // The output could not take all of the marked video (a full disk, a closed
@@ -168,6 +190,20 @@ int run_lumamark(int argc, char** argv) {
     return 1;
   }
 
+  const int64_t frame_size = frame_size_for(config.pix_fmt, width, height);
+  const std::string refusal = frame_refusal(config, frame_size, width, height);
+  // Settings whose frames are refused after the payload is generated are
+  // refused before it: the payload of a grid that no frame can hold may take
+  // minutes and gigabytes (2^31 - 1 pixels square makes 1.75e9 superpixels).
+  // Generation reports a failure of its own only in FEC mode 2 without a
+  // coded string, and then fails at once; that case keeps its report.
+  if (source == PayloadSource::Generated && !refusal.empty() &&
+      (config.fec != 2 || filter->coded_bits != nullptr)) {
+    std::cerr << refusal << std::endl;
+    wm_filter_free(filter);
+    return 1;
+  }
+
   if (source != PayloadSource::FromFile) {
     // The generated payload buffers are sized once the filter has accepted
     // the geometry and bit count, so that a configuration it refuses never
@@ -205,28 +241,15 @@ int run_lumamark(int argc, char** argv) {
   }
   wm_filter_set_payload(filter, payload_map.data(), indexes, encoded_bit_count, sp, width, height);
 
-  const int64_t frame_size = frame_size_for(config.pix_fmt, width, height);
-  // A negative size is left to the allocation below, which refuses it.
-  if (frame_size == 0 || (frame_size > 0 && !frame_holds_luma(frame_size, width, height))) {
-    std::cerr << "Invalid frame dimensions or pixel format" << std::endl;
-    wm_filter_free(filter);
-    return 1;
-  }
-  if (config.strength < 1) {
-    std::cerr << "Error: --strength must be >= 1" << std::endl;
-    wm_filter_free(filter);
-    return 1;
-  }
-  if (config.sp_density < 0 || config.sp_density > 100) {
-    std::cerr << "Error: --sp-density must be in [0, 100]" << std::endl;
+  if (!refusal.empty()) {
+    std::cerr << refusal << std::endl;
     wm_filter_free(filter);
     return 1;
   }
 
   // Twice the frame: the second half is spare room for a surplus read.
   const uint64_t buffer_bytes = static_cast<uint64_t>(2 * frame_size);
-  uint8_t* buffer = nullptr;
-  if (frame_size > 0) buffer = static_cast<uint8_t*>(std::malloc(buffer_bytes));
+  uint8_t* buffer = static_cast<uint8_t*>(std::malloc(buffer_bytes));
   if (buffer == nullptr) {
     std::cerr << "Failed to allocate frame buffer of size " << buffer_bytes << std::endl;
     wm_filter_free(filter);
