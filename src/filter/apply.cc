@@ -1,15 +1,25 @@
 // One frame through the filter: seed, selection spread over the repetitions
 // of the coded payload, optional texture map, embedding, log.
+//
+// The two reads of the untouched frame, the image-hash cell sums and the
+// texture map, share one set of worker threads; each worker takes a share of
+// the cell rows and a share of the map rows. Neither depends on the other,
+// and neither has any effect outside its own buffer, so doing them together
+// before the seed is known gives the same frame as doing them in turn.
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
 #include "filter/embed_driver.h"
 #include "filter/embed_log.h"
 #include "filter/filter.h"
+#include "filter/parallel.h"
 #include "filter/seed.h"
 #include "filter/selection.h"
-#include "filter/texture_driver.h"
+#include "kernels/dispatch.h"
 #include "kernels/intmath.h"
+#include "kernels/pattern.h"
+#include "kernels/texture.h"
 
 namespace lumamark {
 
@@ -25,20 +35,90 @@ bool grow_buffer(T** buf, size_t* cap, size_t needed) {
   return ok;
 }
 
-// The texture map of the untouched frame, or null when it cannot be built.
-const uint8_t* build_texture(WatermarkFilter* f, const uint8_t* luma, int32_t stride) {
-  if (f->width < 1 || f->height < 1) return nullptr;
+// Room for the texture map of the untouched frame; false when it cannot be
+// built (the frame is then embedded without it).
+bool prepare_texture(WatermarkFilter* f, const uint8_t* luma, int32_t stride) {
+  if (f->width < 1 || f->height < 1) return false;
   const size_t w = static_cast<size_t>(f->width);
   const size_t h = static_cast<size_t>(f->height);
   const bool have_map = grow_buffer(&f->texture_map, &f->texture_map_cap, w * h);
   const bool have_integral =
       grow_buffer(&f->integral, &f->integral_cap, (w + 1) * (h + 1) * sizeof(uint32_t));
-  if (!have_map || !have_integral) return nullptr;
-  if (texture_map(luma, f->width, f->height, stride, kTextureRadius, f->texture_map, f->integral,
-                  f->threads) != 0) {
-    return nullptr;
+  if (!have_map || !have_integral) return false;
+  // The map builder refuses these (the radius is fixed and positive).
+  return luma != nullptr && f->width <= stride;
+}
+
+// One worker's share of the reads of the untouched frame.
+struct FrameScan {
+  TextureRows rows;      // texture map rows, when texture is set
+  bool texture;          // whether to compute map rows
+  const uint8_t* luma;   // luma plane for the cell sums
+  int32_t stride;        // luma row stride
+  SeedGrid grid;         // image-hash grid
+  int32_t* values;       // cell values of the whole grid, or null: no cell sums
+  int32_t cell_first;    // first cell row of this share
+  int32_t cell_end;      // one past the last cell row of this share
+};
+
+void scan_entry(void* arg) {
+  const FrameScan* s = static_cast<const FrameScan*>(arg);
+  const KernelTable& k = kernels();
+  if (s->values != nullptr && s->cell_first < s->cell_end) {
+    k.cell_sums(s->luma, s->stride, s->grid.cw, s->grid.ch, s->grid.gx, s->cell_first, s->cell_end,
+                s->values);
   }
-  return f->texture_map;
+  if (s->texture) k.texture_rows(&s->rows);
+}
+
+// The map rows that embedding can read: the rows inside the superpixels'
+// borders. Patterns are zero on the borders, and a pixel with a zero
+// amplitude never reads the map, so the other rows need not be computed.
+// Null when the mask cannot be had (then every row is computed).
+uint8_t* texture_rows_needed(const WatermarkFilter* f) {
+  uint8_t* needed = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(f->height)));
+  if (needed == nullptr) return nullptr;
+  const int32_t sp = f->sp_size;
+  const int64_t grid_rows = static_cast<int64_t>(f->height / sp) * sp;
+  const int32_t border = border_or_default(f->sp_border, sp);
+  for (int32_t y = 0; y < f->height; ++y) {
+    const int32_t r = y % sp;
+    needed[y] = y < grid_rows && r >= border && r < sp - border ? 1 : 0;
+  }
+  return needed;
+}
+
+// Cell values for the image-hash seed (into values, when not null) and the
+// texture map (into the filter's map, when texture is set), split over the
+// texture map's worker count.
+void scan_frame(const WatermarkFilter* f, const uint8_t* luma, int32_t stride, bool texture,
+                const SeedGrid& grid, int32_t* values) {
+  const int32_t n = texture_worker_count(f->threads);
+  uint8_t* needed = texture ? texture_rows_needed(f) : nullptr;
+  FrameScan scans[kMaxWorkers];
+  for (int32_t k = 0; k < n; ++k) {
+    FrameScan& s = scans[k];
+    s.texture = texture;
+    s.rows.src = luma;
+    s.rows.out = f->texture_map;
+    s.rows.integral = nullptr;
+    s.rows.integral_stride = 0;
+    s.rows.width = f->width;
+    s.rows.height = f->height;
+    s.rows.stride = stride;
+    s.rows.radius = kTextureRadius;
+    split_range(f->height, n, k, &s.rows.first_row, &s.rows.end_row);
+    s.rows.needed = needed;
+    s.luma = luma;
+    s.stride = stride;
+    s.grid = grid;
+    s.values = values;
+    s.cell_first = 0;
+    s.cell_end = 0;
+    if (values != nullptr) split_range(grid.gy, n, k, &s.cell_first, &s.cell_end);
+  }
+  run_workers(scan_entry, scans, static_cast<int32_t>(sizeof(FrameScan)), n);
+  std::free(needed);
 }
 
 // Spreads the mask over the repetitions of the coded payload: repetition j,
@@ -90,9 +170,30 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
     return -1;
   }
 
+  // The seed's cell sums and the texture map, both from the untouched frame.
+  const bool texture = f->pm_mode == 3 && prepare_texture(f, luma, stride);
+  SeedGrid grid{};
+  int32_t* values = nullptr;
+  bool seed_pending = false;
+  if (seed < 0) {
+    grid = seed_grid(width, height, f->hash_cells_x, f->hash_cells_y, cols, rows);
+    if (seed_grid_has_samples(grid)) {
+      values = static_cast<int32_t*>(std::malloc(static_cast<size_t>(grid.cells) * sizeof(int32_t)));
+      seed_pending = values == nullptr;
+    }
+  }
+  if (texture || values != nullptr) scan_frame(f, luma, stride, texture, grid, values);
+
   int32_t s = seed & 31;
   if (seed < 0) {
-    s = image_seed(luma, width, height, stride, f->hash_cells_x, f->hash_cells_y, cols, rows);
+    if (values != nullptr) {
+      s = seed_from_cells(grid, values);
+    } else if (seed_pending) {
+      s = image_seed(luma, width, height, stride, f->hash_cells_x, f->hash_cells_y, cols, rows);
+    } else {
+      s = 0;  // no cell has a sample
+    }
+    std::free(values);
   }
 
   EmbedLog* log = nullptr;
@@ -109,11 +210,9 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
   spread_mask(selection, mask, f->indexes, total, length >= 1 ? length : 0, reps);
   std::free(mask);
 
-  const uint8_t* texture = f->pm_mode == 3 ? build_texture(f, luma, stride) : nullptr;
-
   embed_frame(luma, f->width, f->height, stride, f->p_density, f->strength, f->deep_fake, f->map,
               selection, s, f->sp_size, f->sp_size, f->sp_border, f->sp_border, f->pm_mode,
-              texture, log, f->threads);
+              texture ? f->texture_map : nullptr, log, f->threads);
 
   std::free(selection);
   embed_log_finish(log);

@@ -8,7 +8,9 @@
 #include <cstdlib>
 
 #include "filter/parallel.h"
+#include "kernels/dispatch.h"
 #include "kernels/embed.h"
+#include "kernels/embed_band.h"
 #include "kernels/intmath.h"
 #include "kernels/measure.h"
 
@@ -52,7 +54,67 @@ int32_t position_class(int32_t sx, int32_t sy, int32_t cols, int32_t rows) {
   return (tc < sx && sx < cols - tc) ? 3 : 2;
 }
 
+namespace {
+
+// Without deep-fake passes and without a log nothing needs the sum of one
+// superpixel, so the selected superpixels of each superpixel row are embedded
+// together as runs. Returns false (having changed nothing) when the work
+// space cannot be had.
+bool embed_runs(EmbedTask* t) {
+  const int32_t cols = t->cols;
+  const int64_t scratch_bytes = embed_band_scratch_bytes(t->sp_w, t->sp_h, cols);
+  uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
+  EmbedItem* items = static_cast<EmbedItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(EmbedItem)));
+  if (scratch == nullptr || items == nullptr) {
+    std::free(scratch);
+    std::free(items);
+    return false;
+  }
+  const EmbedBandFn embed = kernels().embed_band;
+  // The bank level of every map byte, as pattern_select picks it: level 0
+  // for the value 0, else (|value| - 1) mod levels. Pattern (class, variant,
+  // level) is number (class x variants + variant) x levels + level.
+  const int32_t levels = t->layout.levels;
+  int32_t level_of[256];
+  for (int32_t byte = 0; byte < 256; ++byte) {
+    const int32_t value = wrap_sub(byte, t->strength);
+    level_of[byte] = value == 0 ? 0 : static_cast<int32_t>(magnitude(value) - 1) % levels;
+  }
+  for (int32_t i = t->first; i < t->end;) {
+    const int32_t sy = i / cols;
+    if (sy >= t->rows) break;
+    const int32_t sx0 = i - sy * cols;
+    const int32_t run_end = imin(t->end, (sy + 1) * cols);
+    const int32_t count = run_end - i;
+    for (int32_t k = 0; k < count; ++k) {
+      const int32_t at = i + k;
+      EmbedItem& item = items[k];
+      if (t->selection[at] != 1) {
+        item.pattern = nullptr;
+        continue;
+      }
+      const int32_t sx = sx0 + k;
+      const int64_t variant = position_class(sx, sy, cols, t->rows) * int64_t{kVariants} + sx % kVariants;
+      item = t->patterns[variant * levels + level_of[t->map[at]]];
+      item.value = wrap_sub(t->map[at], t->strength);
+    }
+    const EmbedBand band{t->luma,  t->stride,  t->width,  t->height,   t->sp_w,
+                         t->sp_h,  t->border_w, t->border_h, sy * t->sp_h, sx0 * t->sp_w,
+                         count,    items,      t->texture, t->pm_mode,  scratch};
+    embed(&band);
+    i = run_end;
+  }
+  std::free(items);
+  std::free(scratch);
+  return true;
+}
+
+}  // namespace
+
 void embed_worker(EmbedTask* t) {
+  if (t->deep_fake == 0 && t->log == nullptr && t->patterns != nullptr && embed_runs(t)) return;
+
+  const KernelTable& k = kernels();
   const int32_t area = t->sp_w * t->sp_h;
   int8_t* scratch = nullptr;
   if (t->deep_fake != 0) scratch = static_cast<int8_t*>(std::malloc(static_cast<size_t>(area)));
@@ -71,22 +133,32 @@ void embed_worker(EmbedTask* t) {
 
     int32_t signal = 0;
     if (t->deep_fake == 0 || scratch == nullptr) {
-      signal = embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
-                                t->border_h, value, t->width, t->height, pattern, t->texture,
-                                t->pm_mode);
+      signal = k.embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
+                                  t->border_h, value, t->width, t->height, pattern, t->texture,
+                                  t->pm_mode);
     } else {
+      // The target is the superpixel's measure before embedding. Measured
+      // here, it reads only this superpixel's own pixels, which nothing has
+      // changed yet.
+      int32_t measured = 0;
+      if (t->measures != nullptr) {
+        measured = t->measures[i];
+      } else if (t->measure_in_place != 0) {
+        measured = k.signal_measure(t->luma, x, y, t->sp_w, t->sp_h, t->width, t->border_w,
+                                    t->border_h);
+      }
       // Embed again and again with a growing amplitude on the same pixels
       // until the amplitude reaches the strength or the signal reaches the
       // superpixel's measure before embedding.
-      const int64_t target = magnitude(t->measures != nullptr ? t->measures[i] : 0);
+      const int64_t target = magnitude(measured);
       int32_t a = value;
       const int8_t* p = pattern;
       for (;;) {
         const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
-        for (int32_t k = 0; k < area; ++k) scratch[k] = p[k] != 0 ? amp : 0;
-        signal = embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
-                                  t->border_h, a, t->width, t->height, scratch, t->texture,
-                                  t->pm_mode);
+        for (int32_t j = 0; j < area; ++j) scratch[j] = p[j] != 0 ? amp : 0;
+        signal = k.embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
+                                    t->border_h, a, t->width, t->height, scratch, t->texture,
+                                    t->pm_mode);
         a = a < 0 ? a - 1 : a + 1;
         if (magnitude(a) >= t->strength || target <= magnitude(signal)) break;
         p = scratch;
@@ -100,8 +172,8 @@ void embed_worker(EmbedTask* t) {
       EmbedRecord& rec = t->records[i];
       rec.value = value;
       rec.signal = signal;
-      rec.extr = signal_measure(t->luma, x, y, t->sp_w, t->sp_h, t->stride, t->border_w,
-                                t->border_h);
+      rec.extr = k.signal_measure(t->luma, x, y, t->sp_w, t->sp_h, t->stride, t->border_w,
+                                  t->border_h);
       rec.embedded = 1;
     } else {
       pthread_mutex_lock(&g_log_mutex);
@@ -143,18 +215,35 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
   pattern_bank_fill(bank, &layout, p_density, kClassAdjust, key, static_cast<uint32_t>(seed),
                     pm_mode != 3);
 
+  // The deep-fake targets are measured on the untouched frame, with the frame
+  // width as the row pitch. When that is the stride, a superpixel's measure
+  // reads only its own pixels, and the worker that embeds it measures it
+  // right before; otherwise the whole grid is measured first.
   int32_t* measures = nullptr;
-  if (deep_fake != 0) {
+  const int32_t measure_in_place = deep_fake != 0 && width == stride ? 1 : 0;
+  if (deep_fake != 0 && measure_in_place == 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
-    // The targets are measured on the untouched frame, with the frame width
-    // as the row pitch.
     if (measures != nullptr) {
       signal_measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, border_w, border_h);
     }
   }
 
+  // What the run kernels need to know of every pattern of the bank.
+  const int32_t bank_patterns = kClasses * kVariants * strength;
+  EmbedItem* patterns = nullptr;
+  if (deep_fake == 0 && log == nullptr) {
+    patterns = static_cast<EmbedItem*>(std::malloc(static_cast<size_t>(bank_patterns) * sizeof(EmbedItem)));
+    for (int32_t p = 0; patterns != nullptr && p < bank_patterns; ++p) {
+      const int8_t* pattern = bank + static_cast<ptrdiff_t>(p) * layout.level_stride;
+      patterns[p].pattern = pattern;
+      patterns[p].value = 0;
+      describe_pattern(pattern, sp_w, sp_h, &patterns[p]);
+    }
+  }
+
   const int32_t n = embed_worker_count(threads);
   if (n < 1) {
+    std::free(patterns);
     std::free(measures);
     std::free(bank);
     return;
@@ -193,11 +282,13 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
     t.pm_mode = pm_mode;
     t.texture = texture;
     t.measures = measures;
+    t.measure_in_place = measure_in_place;
     t.bank = bank;
     t.layout = layout;
     split_range(total, n, w, &t.first, &t.end);
     t.log = log;
     t.records = records;
+    t.patterns = patterns;
   }
   run_workers(embed_worker_entry, tasks, static_cast<int32_t>(sizeof(EmbedTask)), n);
 
@@ -213,6 +304,7 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
     pthread_mutex_unlock(&g_log_mutex);
     std::free(records);
   }
+  std::free(patterns);
   std::free(measures);
   std::free(bank);
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "filter/embed_log.h"
+#include "kernels/embed_band.h"
 #include "kernels/pattern.h"
 
 namespace lumamark {
@@ -38,12 +39,15 @@ struct EmbedTask {
   int32_t pm_mode;            // perceptual mode
   const uint8_t* texture;     // texture map or null
   const int32_t* measures;    // deep-fake targets, one per superpixel, or null
+  int32_t measure_in_place;   // 1: without measures, measure each deep-fake target just
+                              // before its superpixel is embedded (row pitch = width)
   const int8_t* bank;         // pattern bank of the frame
   PatternLayout layout;       // copy of the bank layout
   int32_t first;              // first superpixel index of this worker's range
   int32_t end;                // one past the last index of the range
   EmbedLog* log;              // embedding log or null
   EmbedRecord* records;       // per-superpixel log records, or null to log directly
+  const EmbedItem* patterns;  // nonzero and row_mask of every bank pattern, in bank order, or null
 };
 
 // Position class 0..3 of superpixel (sx, sy) in a cols x rows grid.

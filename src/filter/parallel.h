@@ -28,9 +28,10 @@ int32_t embed_worker_count_for(int32_t threads, int64_t online);
 // Range [first, end) of worker i when total items are split over n workers.
 void split_range(int32_t total, int32_t n, int32_t i, int32_t* first, int32_t* end);
 
-// Runs fn(arg_i) for i = 0..n-1, where arg_i = args + i * arg_size, each on its
-// own thread (started in order, joined in order). A worker whose thread cannot
-// be started runs on the calling thread instead. n of 1 runs inline.
+// Runs fn(arg_i) for i = 0..n-1, where arg_i = args + i * arg_size: workers
+// 0..n-2 each on its own thread (started in order, joined in order), the last
+// one on the calling thread. A worker whose thread cannot be started runs on
+// the calling thread instead. n of 1 runs inline.
 void run_workers(void (*fn)(void*), void* args, int32_t arg_size, int32_t n);
 
 }  // namespace lumamark

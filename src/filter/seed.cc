@@ -2,40 +2,97 @@
 #include "filter/seed.h"
 
 #include <cstddef>
+#include <cstdlib>
 
+#include "kernels/dispatch.h"
 #include "kernels/intmath.h"
 
 namespace lumamark {
 
+namespace {
+
+constexpr int32_t kModulus = 9001;
+
+// h = (h * 31 + v) mod 9001 over the values, in wrapping 32-bit arithmetic
+// with a remainder that keeps the sign of the dividend.
+int32_t hash_chain(const int32_t* values, int64_t n) {
+  int32_t h = 0;
+  for (int64_t i = 0; i < n; ++i) h = wrap_add(wrap_mul(h, 31), values[i]) % kModulus;
+  return h;
+}
+
+// The same chain for values that are never negative: then nothing wraps and
+// every step is ordinary arithmetic modulo 9001, so eight steps fold into
+// h' = (31^8 h + sum of 31^(7 - j) v_j) mod 9001, and only one remainder per
+// eight values stays on the chain.
+int32_t hash_chain_non_negative(const int32_t* values, int64_t n) {
+  uint64_t power[9];
+  power[0] = 1;
+  for (int k = 1; k <= 8; ++k) power[k] = power[k - 1] * 31 % kModulus;
+  uint64_t h = 0;
+  int64_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t acc = h * power[8];
+    for (int j = 0; j < 8; ++j) acc += power[7 - j] * static_cast<uint64_t>(values[i + j]);
+    h = acc % kModulus;
+  }
+  for (; i < n; ++i) h = (h * 31 + static_cast<uint64_t>(values[i])) % kModulus;
+  return static_cast<int32_t>(h);
+}
+
+}  // namespace
+
+SeedGrid seed_grid(int32_t width, int32_t height, int32_t cells_x, int32_t cells_y, int32_t cols,
+                   int32_t rows) {
+  SeedGrid g{};
+  g.gx = wrap_mul(cols, cells_x);
+  g.gy = wrap_mul(rows, cells_y);
+  g.cells = wrap_mul(g.gx, g.gy);
+  // No cell at all (including a cell count that wraps to a non-positive one).
+  if (g.cells < 1 || g.gx < 1 || g.gy < 1) {
+    g.cells = 0;
+    return g;
+  }
+  g.cw = width / g.gx;
+  g.ch = height / g.gy;
+  return g;
+}
+
+bool seed_grid_has_samples(const SeedGrid& g) { return g.cells >= 1 && g.cw >= 1 && g.ch >= 1; }
+
+int32_t seed_from_cells(const SeedGrid& g, const int32_t* values) {
+  if (g.cells < 1) return 0;
+  // A cell whose sum stays below 2^31 has a non-negative value.
+  const bool non_negative = static_cast<int64_t>(g.cw) * g.ch * 255 < (int64_t{1} << 31);
+  const int32_t h =
+      non_negative ? hash_chain_non_negative(values, g.cells) : hash_chain(values, g.cells);
+  return h % 32;
+}
+
 int32_t image_seed(const uint8_t* luma, int32_t width, int32_t height, int32_t stride,
                    int32_t cells_x, int32_t cells_y, int32_t cols, int32_t rows) {
-  const int32_t gx = wrap_mul(cols, cells_x);
-  const int32_t gy = wrap_mul(rows, cells_y);
-  const int32_t n = wrap_mul(gx, gy);
-  // No cell at all (including a cell count that wraps to a non-positive one).
-  if (n < 1 || gx < 1 || gy < 1) return 0;
-  const int32_t cw = width / gx;
-  const int32_t ch = height / gy;
-
-  int32_t h = 0;
-  for (int32_t r = 0; r < gy; ++r) {
-    for (int32_t c = 0; c < gx; ++c) {
-      int32_t v = 0;
-      if (cw >= 1 && ch >= 1) {
-        uint32_t sum = 0;
-        for (int32_t y = 0; y < ch; ++y) {
-          const ptrdiff_t row_off = (static_cast<ptrdiff_t>(r) * ch + y) * stride +
-                                    static_cast<ptrdiff_t>(c) * cw;
-          const uint8_t* p = luma + row_off;
-          for (int32_t x = 0; x < cw; ++x) sum += p[x];
-        }
-        // Arithmetic shift of the wrapped signed sum.
-        v = static_cast<int32_t>(sum) >> 8;
+  const SeedGrid g = seed_grid(width, height, cells_x, cells_y, cols, rows);
+  // Without samples every cell value is 0, and so is the hash.
+  if (!seed_grid_has_samples(g)) return 0;
+  int32_t* values = static_cast<int32_t*>(std::malloc(static_cast<size_t>(g.cells) * sizeof(int32_t)));
+  if (values == nullptr) {
+    // Cell by cell, without keeping the values.
+    int32_t h = 0;
+    for (int32_t r = 0; r < g.gy; ++r) {
+      for (int32_t c = 0; c < g.gx; ++c) {
+        int32_t v = 0;
+        const uint8_t* cell = luma + static_cast<ptrdiff_t>(r) * g.ch * stride +
+                              static_cast<ptrdiff_t>(c) * g.cw;
+        kernels().cell_sums(cell, stride, g.cw, g.ch, 1, 0, 1, &v);
+        h = wrap_add(wrap_mul(h, 31), v) % kModulus;
       }
-      h = wrap_add(wrap_mul(h, 31), v) % 9001;
     }
+    return h % 32;
   }
-  return h % 32;
+  kernels().cell_sums(luma, stride, g.cw, g.ch, g.gx, 0, g.gy, values);
+  const int32_t seed = seed_from_cells(g, values);
+  std::free(values);
+  return seed;
 }
 
 }  // namespace lumamark

@@ -1,18 +1,20 @@
-// The texture map of one frame: the integral image on the calling thread, then
-// the map rows split over worker threads.
+// The texture map of one frame: the map rows split over worker threads, each
+// range computed straight from the plane by the fastest texture kernel. The
+// integral image is not needed for that; the caller's buffer stays as it is.
 #include "filter/texture_driver.h"
 
 #include <cstddef>
 #include <cstring>
 
 #include "filter/parallel.h"
+#include "kernels/dispatch.h"
 #include "kernels/texture.h"
 
 namespace lumamark {
 
 namespace {
 
-void texture_rows_entry(void* arg) { texture_rows(static_cast<const TextureRows*>(arg)); }
+void texture_rows_entry(void* arg) { kernels().texture_rows(static_cast<const TextureRows*>(arg)); }
 
 }  // namespace
 
@@ -24,7 +26,6 @@ int32_t texture_map(const uint8_t* src, int32_t width, int32_t height, int32_t s
     std::memset(out, 0, static_cast<size_t>(width) * static_cast<size_t>(height));
     return 0;
   }
-  texture_integral(src, width, height, stride, integral);
 
   const int32_t n = texture_worker_count(threads);
   TextureRows records[kMaxWorkers];
@@ -32,8 +33,8 @@ int32_t texture_map(const uint8_t* src, int32_t width, int32_t height, int32_t s
     TextureRows& r = records[k];
     r.src = src;
     r.out = out;
-    r.integral = integral;
-    r.integral_stride = static_cast<int64_t>(width) + 1;
+    r.integral = nullptr;
+    r.integral_stride = 0;
     r.width = width;
     r.height = height;
     r.stride = stride;

@@ -3,6 +3,7 @@
 #include "kernels/texture.h"
 
 #include <cstddef>
+#include <cstdlib>
 
 #include "kernels/divide.h"
 
@@ -101,6 +102,85 @@ void texture_rows(const TextureRows* rows) {
       out[x] = texture_value(mh, mv, row[x]);
     }
   }
+}
+
+namespace {
+
+// Sum of column x over rows [y0, y1).
+uint32_t column_sum(const uint8_t* src, int32_t stride, int32_t x, int64_t y0, int64_t y1) {
+  uint32_t sum = 0;
+  for (int64_t y = y0; y < y1; ++y) sum += src[y * stride + x];
+  return sum;
+}
+
+}  // namespace
+
+void texture_rows_direct(const TextureRows* rows) {
+  if (rows == nullptr || rows->radius < 0) return;
+  const int32_t w = rows->width;
+  const int32_t h = rows->height;
+  const int64_t r = rows->radius;
+  const int32_t first = rows->first_row < 0 ? 0 : rows->first_row;
+  const int32_t end = rows->end_row > h ? h : rows->end_row;
+  if (w < 1 || first >= end) return;
+  const uint8_t* src = rows->src;
+  const ptrdiff_t stride = rows->stride;
+
+  // Vertical window sums of every column for the current row; without room
+  // for them each sum is taken afresh.
+  uint32_t* columns = static_cast<uint32_t*>(std::malloc(static_cast<size_t>(w) * sizeof(uint32_t)));
+  int64_t y0 = first - r > 0 ? first - r : 0;
+  int64_t y1 = first + r + 1 < h ? first + r + 1 : h;
+  if (columns != nullptr) {
+    for (int32_t x = 0; x < w; ++x) columns[x] = column_sum(src, rows->stride, x, y0, y1);
+  }
+
+  const int64_t full = 2 * r + 1;
+  const RoundedMean mid_mean(static_cast<uint32_t>(full < w ? full : w));
+  for (int32_t y = first; y < end; ++y) {
+    const int64_t ny0 = y - r > 0 ? y - r : 0;
+    const int64_t ny1 = y + r + 1 < h ? y + r + 1 : h;
+    if (columns != nullptr && y > first) {
+      // The window moves down by one row at most at each end.
+      const uint8_t* leaving = src + y0 * stride;
+      const uint8_t* entering = src + y1 * stride;
+      const bool drop = ny0 > y0;
+      const bool add = ny1 > y1;
+      for (int32_t x = 0; x < w; ++x) {
+        uint32_t c = columns[x];
+        if (drop) c -= leaving[x];
+        if (add) c += entering[x];
+        columns[x] = c;
+      }
+    }
+    y0 = ny0;
+    y1 = ny1;
+    if (rows->needed != nullptr && rows->needed[y] == 0) continue;
+    const RoundedMean v_mean(static_cast<uint32_t>(y1 - y0));
+    const uint8_t* row = src + static_cast<ptrdiff_t>(y) * stride;
+    uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * w;
+
+    int64_t s = 0;
+    int64_t e = r < w - 1 ? r : w - 1;
+    uint32_t sum = 0;
+    for (int64_t c = 0; c <= e; ++c) sum += row[c];
+    for (int32_t x = 0; x < w; ++x) {
+      if (x > 0) {
+        const int64_t ne = x + r < w - 1 ? x + r : w - 1;
+        const int64_t ns = x - r > 0 ? x - r : 0;
+        if (ne > e) sum += row[ne];
+        if (ns > s) sum -= row[s];
+        e = ne;
+        s = ns;
+      }
+      const uint32_t n_h = static_cast<uint32_t>(e - s + 1);
+      const uint32_t mh = n_h == mid_mean.n ? mid_mean(sum) : (sum + n_h / 2) / n_h;
+      const uint32_t column =
+          columns != nullptr ? columns[x] : column_sum(src, rows->stride, x, y0, y1);
+      out[x] = texture_value(mh, v_mean(column), row[x]);
+    }
+  }
+  std::free(columns);
 }
 
 }  // namespace lumamark

@@ -17,6 +17,8 @@ struct TextureRows {
   int32_t radius;            // box radius, >= 1
   int32_t first_row;         // first map row of this range
   int32_t end_row;           // one past the last map row of this range
+  const uint8_t* needed = nullptr;  // null: every row; else row y is wanted only when
+                                    // needed[y] != 0 (other rows may be left as they are)
 };
 
 // Builds the integral image of a width x height plane: (width + 1) x (height + 1)
@@ -26,5 +28,9 @@ void texture_integral(const uint8_t* src, int32_t width, int32_t height, int32_t
 
 // Computes map rows [first_row, end_row) of one record.
 void texture_rows(const TextureRows* rows);
+
+// The same rows without an integral image (rows->integral is not read): the
+// vertical window sums are kept per column and moved down row by row.
+void texture_rows_direct(const TextureRows* rows);
 
 }  // namespace lumamark

@@ -1,0 +1,20 @@
+// AVX2 twins of the hot kernels. Call them only when the processor supports
+// AVX2, BMI2 and POPCNT (see kernels/dispatch.h); each returns exactly what
+// its plain version returns.
+#pragma once
+
+#include <cstdint>
+
+#include "kernels/embed_band.h"
+#include "kernels/texture.h"
+
+namespace lumamark {
+
+void cell_sums_avx2(const uint8_t* luma, int32_t stride, int32_t cw, int32_t ch, int32_t gx,
+                    int32_t first_row, int32_t end_row, int32_t* values);
+
+void texture_rows_avx2(const TextureRows* rows);
+
+void embed_band_avx2(const EmbedBand* band);
+
+}  // namespace lumamark

@@ -1,0 +1,461 @@
+// Embedding of a run of superpixels with AVX2.
+//
+// The run is done one pixel row at a time across all of its superpixels:
+// first every superpixel writes its part of two work rows (the signed
+// amplitude of each pixel after the attenuation table, and in perceptual
+// mode the random byte that pixel takes), then one vector pass adds the
+// changes to the luma row. Rows in which no pattern has a non-zero byte are
+// skipped.
+//
+// The random bytes of a superpixel are the output bytes of its own noise
+// generator, consumed in pixel order by the non-zero pattern bytes only. The
+// generators of eight superpixels step together in 32-bit lanes; each row of
+// eight pattern bytes then picks its bytes with one byte shuffle, driven by
+// the row's non-zero bits and the count of bytes already taken.
+//
+// In border-activity mode the four strips of every superpixel are summed from
+// per-column sums and sums of squares of the superpixel row, using
+// sum((s - m)^2) = sum(s^2) - 2 m sum(s) + n m^2, which holds exactly in
+// wrapping 32-bit arithmetic.
+#include <immintrin.h>
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+
+#include "kernels/embed.h"
+#include "kernels/embed_band.h"
+#include "kernels/intmath.h"
+#include "kernels/x86/avx2.h"
+
+namespace lumamark {
+namespace {
+
+// For every 8-bit mask of non-zero pattern bytes: byte k names the random
+// byte that pixel k takes (its rank among the set bits), or 0x80 for none.
+struct ExpandTable {
+  alignas(16) uint8_t rows[256][16];
+};
+
+constexpr ExpandTable make_expand_table() {
+  ExpandTable t{};
+  for (int m = 0; m < 256; ++m) {
+    int rank = 0;
+    for (int k = 0; k < 16; ++k) {
+      if (k < 8 && ((m >> k) & 1) != 0) {
+        t.rows[m][k] = static_cast<uint8_t>(rank++);
+      } else {
+        t.rows[m][k] = 0x80;
+      }
+    }
+  }
+  return t;
+}
+
+constexpr ExpandTable kExpand = make_expand_table();
+
+// Longest superpixel side of the vector path (the command line allows 64).
+constexpr int32_t kMaxSide = 64;
+
+inline int32_t resolve_border(int32_t setting, int32_t size) {
+  return setting >= 1 ? setting : imax(size / 8, 1);
+}
+
+// Entries 1..7 after the border analysis (see embed.cc); m is the smallest
+// strip sum of squared deviations.
+void border_attenuation(int32_t m, int32_t small[8]) {
+  if (m < 1000) {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+    return;
+  }
+  if (m >= 5000) return;
+  const int32_t c = 5 - m / 1000;
+  for (int32_t k = 1; k <= 4; ++k) small[k] = c * k / 5;
+  small[5] = c;
+  small[6] = 6 * c / 5;
+  small[7] = 7 * c / 5;
+}
+
+__m128i make_table(const int32_t small[8]) {
+  alignas(16) uint8_t t[16];
+  for (int32_t p = 0; p < 16; ++p) t[p] = static_cast<uint8_t>(p < 8 ? imin(p, small[p]) : p);
+  return _mm_load_si128(reinterpret_cast<const __m128i*>(t));
+}
+
+// Sum of squared deviations from the truncated mean, from the sum and the
+// sum of squares of n samples.
+inline int32_t strip_ssd(uint32_t sum, uint32_t squares, int32_t n) {
+  const uint32_t mean = static_cast<uint32_t>(static_cast<int32_t>(sum) / n);
+  return static_cast<int32_t>(squares - 2 * mean * sum + static_cast<uint32_t>(n) * mean * mean);
+}
+
+inline uint8_t* align64(uint8_t* p) {
+  return reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(p) + 63) & ~uintptr_t{63});
+}
+
+// Border analysis of every embedded superpixel of the run, before any
+// change: tables[i] is the attenuated amplitude of pattern bytes 0..15.
+void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, uint32_t* sums) {
+  const int32_t sp_w = b->sp_w;
+  const int32_t sp_h = b->sp_h;
+  const int32_t n = b->count * sp_w;
+  const ptrdiff_t stride = b->stride;
+  const uint8_t* base = b->luma + static_cast<ptrdiff_t>(b->y) * stride + b->first_x;
+  const size_t cells = static_cast<size_t>(n) + 64;
+  // all = columns over all rows, top = over the first 2 bh rows, upper = over
+  // the rows above the bottom strip; each as sums and sums of squares.
+  uint32_t* all1 = sums;
+  uint32_t* all2 = all1 + cells;
+  uint32_t* top1 = all2 + cells;
+  uint32_t* top2 = top1 + cells;
+  uint32_t* upper1 = top2 + cells;
+  uint32_t* upper2 = upper1 + cells;
+  const int32_t top_rows = 2 * bh;
+  const int32_t upper_rows = sp_h - 2 * bh;
+
+  int32_t x = 0;
+  for (; x + 8 <= n; x += 8) {
+    __m256i s1 = _mm256_setzero_si256();
+    __m256i s2 = _mm256_setzero_si256();
+    const uint8_t* p = base + x;
+    for (int32_t r = 0; r < sp_h; ++r, p += stride) {
+      if (r == top_rows) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(top1 + x), s1);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(top2 + x), s2);
+      }
+      if (r == upper_rows) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(upper1 + x), s1);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(upper2 + x), s2);
+      }
+      const __m256i v = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+      s1 = _mm256_add_epi32(s1, v);
+      s2 = _mm256_add_epi32(s2, _mm256_mullo_epi32(v, v));
+    }
+    if (top_rows == sp_h) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(top1 + x), s1);
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(top2 + x), s2);
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(all1 + x), s1);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(all2 + x), s2);
+  }
+  for (; x < n; ++x) {
+    uint32_t s1 = 0;
+    uint32_t s2 = 0;
+    const uint8_t* p = base + x;
+    for (int32_t r = 0; r < sp_h; ++r, p += stride) {
+      if (r == top_rows) top1[x] = s1, top2[x] = s2;
+      if (r == upper_rows) upper1[x] = s1, upper2[x] = s2;
+      s1 += *p;
+      s2 += static_cast<uint32_t>(*p) * *p;
+    }
+    if (top_rows == sp_h) top1[x] = s1, top2[x] = s2;
+    all1[x] = s1;
+    all2[x] = s2;
+  }
+
+  const int32_t wide = sp_w * top_rows;       // samples of the top and bottom strips
+  const int32_t tall = 2 * bw * sp_h;         // samples of the left and right strips
+  for (int32_t i = 0; i < b->count; ++i) {
+    if (b->items[i].pattern == nullptr) continue;
+    const int32_t x0 = i * sp_w;
+    uint32_t t1 = 0, t2 = 0, b1 = 0, b2 = 0, l1 = 0, l2 = 0, r1 = 0, r2 = 0;
+    for (int32_t c = 0; c < sp_w; ++c) {
+      t1 += top1[x0 + c];
+      t2 += top2[x0 + c];
+      b1 += all1[x0 + c] - upper1[x0 + c];
+      b2 += all2[x0 + c] - upper2[x0 + c];
+    }
+    for (int32_t c = 0; c < 2 * bw; ++c) {
+      l1 += all1[x0 + c];
+      l2 += all2[x0 + c];
+      r1 += all1[x0 + sp_w - 2 * bw + c];
+      r2 += all2[x0 + sp_w - 2 * bw + c];
+    }
+    const int32_t m = imin(imin(strip_ssd(t1, t2, wide), strip_ssd(b1, b2, wide)),
+                           imin(strip_ssd(l1, l2, tall), strip_ssd(r1, r2, tall)));
+    int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+    border_attenuation(m, small);
+    tables[i] = make_table(small);
+  }
+}
+
+// The random bytes of every embedded superpixel: as many generator outputs
+// of eight bytes each as its non-zero pattern bytes need, superpixel i at
+// rnd + i * slot.
+void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot) {
+  const EmbedItem* src = b->items;
+  const uint32_t frame = static_cast<uint32_t>(b->frame_w) ^ static_cast<uint32_t>(b->frame_h);
+  const uint32_t row_bits = static_cast<uint32_t>(b->y) << 16;
+  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  for (int32_t i0 = 0; i0 < b->count; i0 += 8) {
+    const int32_t lanes = imin(8, b->count - i0);
+    int32_t steps = 0;
+    for (int32_t k = 0; k < lanes; ++k) {
+      if (src[i0 + k].pattern != nullptr) steps = imax(steps, (src[i0 + k].nonzero + 7) / 8);
+    }
+    if (steps == 0) continue;
+    // x + 1 of the eight superpixels, wrapping like the scalar seed.
+    const uint32_t x1 = static_cast<uint32_t>(wrap_add(b->first_x + i0 * b->sp_w, 1));
+    const __m256i xs = _mm256_add_epi32(_mm256_set1_epi32(static_cast<int32_t>(x1)),
+                                        _mm256_mullo_epi32(lane, _mm256_set1_epi32(b->sp_w)));
+    __m256i s0 = _mm256_xor_si256(_mm256_set1_epi32(static_cast<int32_t>(row_bits ^ frame)), xs);
+    __m256i s1 = _mm256_xor_si256(s0, _mm256_set1_epi32(static_cast<int32_t>(0xacbdef01u)));
+    alignas(32) uint64_t out[8];
+    for (int32_t step = 0; step < steps; ++step) {
+      const __m256i t = _mm256_xor_si256(s1, s0);
+      const __m256i rot0 = _mm256_or_si256(_mm256_srli_epi32(s0, 6), _mm256_slli_epi32(s0, 26));
+      s0 = _mm256_xor_si256(_mm256_xor_si256(rot0, t), _mm256_slli_epi32(t, 9));
+      s1 = _mm256_or_si256(_mm256_srli_epi32(t, 19), _mm256_slli_epi32(t, 13));
+      // 64-bit words s0 | s1 << 32 in the order 0, 1, 4, 5, 2, 3, 6, 7.
+      _mm256_store_si256(reinterpret_cast<__m256i*>(out), _mm256_unpacklo_epi32(s0, s1));
+      _mm256_store_si256(reinterpret_cast<__m256i*>(out + 4), _mm256_unpackhi_epi32(s0, s1));
+      static constexpr int kWord[8] = {0, 1, 4, 5, 2, 3, 6, 7};
+      for (int32_t k = 0; k < lanes; ++k) {
+        std::memcpy(rnd + static_cast<ptrdiff_t>(i0 + k) * slot + step * 8, &out[kWord[k]], 8);
+      }
+    }
+  }
+}
+
+// Up to eight bytes of a pattern row, never reading past the pattern's end.
+inline __m128i load_pattern8(const int8_t* p, int32_t avail) {
+  if (avail >= 8) return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+  uint64_t v = 0;
+  std::memcpy(&v, p, static_cast<size_t>(avail));
+  return _mm_cvtsi64_si128(static_cast<long long>(v));
+}
+
+// luma[x] += change for one row of n pixels; perceptual rows weigh the
+// amplitude by the random byte and the texture.
+void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint8_t* tex, int32_t n) {
+  int32_t x = 0;
+  if (tex != nullptr) {
+    const __m256i k24 = _mm256_set1_epi16(24);
+    const __m256i k128 = _mm256_set1_epi16(128);
+    auto change = [&](int32_t at) {
+      const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp + at));
+      const __m256i r = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd + at)));
+      const __m256i t = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(tex + at)));
+      const __m256i weight = _mm256_add_epi16(_mm256_add_epi16(r, k128), _mm256_mullo_epi16(t, k24));
+      const __m256i mag = _mm256_abs_epi16(a);
+      // (|a| x weight) >> 10 from the two halves of the 32-bit product.
+      const __m256i lo = _mm256_mullo_epi16(mag, weight);
+      const __m256i hi = _mm256_mulhi_epu16(mag, weight);
+      const __m256i q = _mm256_or_si256(_mm256_srli_epi16(lo, 10), _mm256_slli_epi16(hi, 6));
+      const __m256i d = _mm256_sign_epi16(q, a);
+      const __m256i old = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(luma + at)));
+      return _mm256_add_epi16(old, d);
+    };
+    for (; x + 32 <= n; x += 32) {
+      const __m256i v = _mm256_packus_epi16(change(x), change(x + 16));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(luma + x), _mm256_permute4x64_epi64(v, 0xD8));
+    }
+    for (; x + 16 <= n; x += 16) {
+      const __m256i v = _mm256_permute4x64_epi64(_mm256_packus_epi16(change(x), change(x)), 0x08);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(luma + x), _mm256_castsi256_si128(v));
+    }
+    for (; x < n; ++x) {
+      const int32_t a = amp[x];
+      if (a == 0) continue;
+      const int32_t d = a * (rnd[x] + 24 * tex[x] + 128) / 1024;
+      luma[x] = static_cast<uint8_t>(iclamp(luma[x] + d, 0, 255));
+    }
+    return;
+  }
+  auto plain = [&](int32_t at) {
+    const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp + at));
+    const __m256i old = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(luma + at)));
+    return _mm256_add_epi16(old, a);
+  };
+  for (; x + 32 <= n; x += 32) {
+    const __m256i v = _mm256_packus_epi16(plain(x), plain(x + 16));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(luma + x), _mm256_permute4x64_epi64(v, 0xD8));
+  }
+  for (; x + 16 <= n; x += 16) {
+    const __m256i v = _mm256_permute4x64_epi64(_mm256_packus_epi16(plain(x), plain(x)), 0x08);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(luma + x), _mm256_castsi256_si128(v));
+  }
+  for (; x < n; ++x) {
+    if (amp[x] != 0) luma[x] = static_cast<uint8_t>(iclamp(luma[x] + amp[x], 0, 255));
+  }
+}
+
+// What the row builder needs: the used rows and where their work rows lie.
+struct BuildRows {
+  const EmbedItem* items;
+  int32_t count;
+  int32_t sp_w;
+  int32_t area;
+  int32_t used_count;
+  int32_t short_from;                // pattern rows from here on have fewer than 8 bytes left
+  int32_t row[kMaxSide];             // the used rows
+  int32_t pattern_offset[kMaxSide];  // row * sp_w
+  int16_t* amp[kMaxSide];            // amplitude row of each used row
+  uint8_t* rnd[kMaxSide];            // random-byte row of each used row
+  __m128i table;                     // shared attenuation table
+  const __m128i* tables;             // per-superpixel tables, or null
+  const uint8_t* bytes;              // random bytes, superpixel i at bytes + i * slot
+  int32_t slot;
+};
+
+// Writes the amplitude (and, in perceptual mode, random-byte) rows of every
+// superpixel: kIdentity when the table changes nothing, kNarrow when a
+// pattern row fits one load of eight bytes.
+template <bool kIdentity, bool kPerceptual, bool kNarrow>
+void build_rows(const BuildRows& b) {
+  const __m128i high_nibble = _mm_set1_epi8(static_cast<char>(0xF0));
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i plus = _mm_set1_epi16(1);
+  const __m128i minus = _mm_set1_epi16(-1);
+  const int32_t sp_w = b.sp_w;
+  for (int32_t i = 0; i < b.count; ++i) {
+    const EmbedItem& item = b.items[i];
+    const size_t x0 = static_cast<size_t>(i) * sp_w;
+    if (item.pattern == nullptr) {
+      // Nothing to add; superpixels past this one overwrite what the stores
+      // leave beyond its width.
+      for (int32_t u = 0; u < b.used_count; ++u) {
+        for (int32_t c = 0; c < sp_w; c += 8) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0 + c), zero);
+          if (kPerceptual) _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0 + c), zero);
+          if (kNarrow) break;
+        }
+      }
+      continue;
+    }
+    const __m128i table = kIdentity ? zero : (b.tables != nullptr ? b.tables[i] : b.table);
+    const __m128i sign = item.value < 0 ? minus : plus;
+    const uint8_t* bytes = b.bytes + static_cast<ptrdiff_t>(i) * b.slot;
+    int32_t rank = 0;
+    for (int32_t u = 0; u < b.used_count; ++u) {
+      const int8_t* prow = item.pattern + b.pattern_offset[u];
+      const bool full = b.row[u] < b.short_from;
+      for (int32_t c = 0; c < sp_w; c += 8) {
+        const __m128i pat = full ? _mm_loadl_epi64(reinterpret_cast<const __m128i*>(prow + c))
+                                 : load_pattern8(prow + c, b.area - b.pattern_offset[u] - c);
+        __m128i a8 = pat;
+        if (!kIdentity) {
+          // Bytes 0..15 go through the table, all others keep their value.
+          const __m128i in_table = _mm_cmpeq_epi8(_mm_and_si128(pat, high_nibble), zero);
+          a8 = _mm_blendv_epi8(pat, _mm_shuffle_epi8(table, pat), in_table);
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0 + c),
+                         _mm_sign_epi16(_mm_cvtepi8_epi16(a8), sign));
+        if (kPerceptual) {
+          // The random bytes of the non-zero pattern bytes, in pixel order.
+          const uint32_t valid = kNarrow ? static_cast<uint32_t>(sp_w) : static_cast<uint32_t>(imin(8, sp_w - c));
+          const uint32_t nz = ~static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(pat, zero))) &
+                              ((1u << valid) - 1);
+          const __m128i picked =
+              _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + rank)),
+                               _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz])));
+          _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0 + c), picked);
+          rank += __builtin_popcount(nz);
+        }
+        if (kNarrow) break;
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void embed_band_avx2(const EmbedBand* b) {
+  const int32_t sp_w = b->sp_w;
+  const int32_t sp_h = b->sp_h;
+  const int32_t count = b->count;
+  if (count < 1 || sp_w < 1 || sp_h < 1) return;
+  // Rows are listed in a fixed array, and longer pattern rows gain nothing.
+  if (b->scratch == nullptr || sp_w > kMaxSide || sp_h > kMaxSide) {
+    embed_band(b);
+    return;
+  }
+  const int32_t bw = resolve_border(b->border_w, sp_w);
+  const int32_t bh = resolve_border(b->border_h, sp_h);
+  const int32_t n = count * sp_w;
+  const int32_t area = sp_w * sp_h;
+  const bool perceptual = b->pm_mode == 3 && b->texture != nullptr;
+  const EmbedItem* items = b->items;
+
+  // Carve the scratch space (layout as sized by embed_band_scratch_bytes):
+  // one amplitude row and one random-byte row per superpixel row.
+  const size_t cells = static_cast<size_t>(n) + 64;
+  const int32_t slot = ((area + 7) / 8 + 2) * 8;
+  uint8_t* p = align64(b->scratch);
+  int16_t* amp_rows = reinterpret_cast<int16_t*>(p);
+  p = align64(p + cells * 2 * static_cast<size_t>(sp_h));
+  uint8_t* rnd_rows = p;
+  p = align64(p + cells * static_cast<size_t>(sp_h));
+  uint8_t* rnd = p;
+  p = align64(p + static_cast<size_t>(count + 8) * slot);
+  __m128i* tables = reinterpret_cast<__m128i*>(p);
+  p = align64(p + static_cast<size_t>(count) * 64);
+  uint32_t* sums = reinterpret_cast<uint32_t*>(p);
+
+  // The rows in which some pattern has a non-zero byte; the others stay as
+  // they are. Within those rows, a pattern row of zeros adds nothing and
+  // takes no random byte, so every pattern is worked on over the same rows.
+  uint64_t rows_used = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    if (items[i].pattern != nullptr) rows_used |= items[i].row_mask;
+  }
+  int32_t used[kMaxSide];
+  int32_t used_count = 0;
+  for (int32_t r = 0; r < sp_h; ++r) {
+    if (((rows_used >> r) & 1) != 0) used[used_count++] = r;
+  }
+  if (used_count == 0) return;
+
+  // Attenuation tables: identity for modes 0 and 3, border analysis for mode
+  // 2, amplitude 1 for every other mode. Twice the border is formed in 64
+  // bits, so that a border near the 32-bit limit cannot wrap past the test.
+  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  const bool analyse = b->pm_mode == 2 && !(int64_t{2} * bw > sp_w || int64_t{2} * bh > sp_h);
+  const bool identity = b->pm_mode == 0 || b->pm_mode == 3;
+  if (!identity && !analyse) {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  }
+  const __m128i shared_table = make_table(small);
+  if (analyse) border_tables(b, tables, bw, bh, sums);
+  if (perceptual) random_bytes(b, rnd, slot);
+
+  BuildRows rows{};
+  rows.items = items;
+  rows.count = count;
+  rows.sp_w = sp_w;
+  rows.area = area;
+  rows.used_count = used_count;
+  rows.short_from = area >= 8 ? (area - 8) / sp_w + 1 : 0;
+  for (int32_t u = 0; u < used_count; ++u) {
+    rows.pattern_offset[u] = used[u] * sp_w;
+    rows.amp[u] = amp_rows + static_cast<size_t>(used[u]) * cells;
+    rows.rnd[u] = rnd_rows + static_cast<size_t>(used[u]) * cells;
+    rows.row[u] = used[u];
+  }
+  rows.table = shared_table;
+  rows.tables = analyse ? tables : nullptr;
+  rows.bytes = rnd;
+  rows.slot = slot;
+  if (identity) {
+    if (perceptual) {
+      sp_w <= 8 ? build_rows<true, true, true>(rows) : build_rows<true, true, false>(rows);
+    } else {
+      sp_w <= 8 ? build_rows<true, false, true>(rows) : build_rows<true, false, false>(rows);
+    }
+  } else {
+    sp_w <= 8 ? build_rows<false, false, true>(rows) : build_rows<false, false, false>(rows);
+  }
+
+  const ptrdiff_t stride = b->stride;
+  for (int32_t u = 0; u < used_count; ++u) {
+    const int32_t r = used[u];
+    uint8_t* line = b->luma + (static_cast<ptrdiff_t>(b->y) + r) * stride + b->first_x;
+    const uint8_t* tex =
+        perceptual ? b->texture + (static_cast<ptrdiff_t>(b->y) + r) * b->frame_w + b->first_x
+                   : nullptr;
+    apply_row(line, amp_rows + static_cast<size_t>(r) * cells, rnd_rows + static_cast<size_t>(r) * cells,
+              tex, n);
+  }
+}
+
+}  // namespace lumamark
