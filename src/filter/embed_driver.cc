@@ -100,7 +100,8 @@ bool embed_runs(EmbedTask* t) {
     }
     const EmbedBand band{t->luma,  t->stride,  t->width,  t->height,   t->sp_w,
                          t->sp_h,  t->border_w, t->border_h, sy * t->sp_h, sx0 * t->sp_w,
-                         count,    items,      t->texture, t->pm_mode,  scratch};
+                         count,    items,      t->texture, t->pm_mode,  scratch,
+                         t->prepared};
     embed(&band);
     i = run_end;
   }
@@ -238,11 +239,22 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
       patterns[p].pattern = pattern;
       patterns[p].value = 0;
       describe_pattern(pattern, sp_w, sp_h, &patterns[p]);
+      patterns[p].id = p;
     }
+  }
+  // What the run kernel can work out once per pattern instead of once per
+  // superpixel.
+  uint8_t* prepared = nullptr;
+  if (patterns != nullptr) {
+    const EmbedPrepareFn prepare = kernels().embed_prepare;
+    const int64_t bytes = prepare(patterns, bank_patterns, sp_w, sp_h, pm_mode, nullptr);
+    if (bytes > 0) prepared = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(bytes)));
+    if (prepared != nullptr) prepare(patterns, bank_patterns, sp_w, sp_h, pm_mode, prepared);
   }
 
   const int32_t n = embed_worker_count(threads);
   if (n < 1) {
+    std::free(prepared);
     std::free(patterns);
     std::free(measures);
     std::free(bank);
@@ -289,6 +301,7 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
     t.log = log;
     t.records = records;
     t.patterns = patterns;
+    t.prepared = prepared;
   }
   run_workers(embed_worker_entry, tasks, static_cast<int32_t>(sizeof(EmbedTask)), n);
 
@@ -304,6 +317,7 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
     pthread_mutex_unlock(&g_log_mutex);
     std::free(records);
   }
+  std::free(prepared);
   std::free(patterns);
   std::free(measures);
   std::free(bank);

@@ -48,6 +48,7 @@ struct EmbedTask {
   EmbedLog* log;              // embedding log or null
   EmbedRecord* records;       // per-superpixel log records, or null to log directly
   const EmbedItem* patterns;  // nonzero and row_mask of every bank pattern, in bank order, or null
+  const uint8_t* prepared;    // the run kernel's preparation of those patterns, or null
 };
 
 // Position class 0..3 of superpixel (sx, sy) in a cols x rows grid.

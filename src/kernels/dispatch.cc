@@ -10,11 +10,13 @@ namespace lumamark {
 namespace {
 
 constexpr KernelTable kPlain = {
-    "plain", cell_sums, texture_rows_direct, embed_band, embed_superpixel, signal_measure,
+    "plain",          cell_sums,        texture_rows_direct, embed_band,
+    embed_band_prepare, embed_superpixel, signal_measure,
 };
 
 constexpr KernelTable kAvx2 = {
-    "avx2", cell_sums_avx2, texture_rows_avx2, embed_band_avx2, embed_superpixel, signal_measure,
+    "avx2",           cell_sums_avx2,   texture_rows_avx2,   embed_band_avx2,
+    embed_band_prepare_avx2, embed_superpixel, signal_measure,
 };
 
 // The plain table until start-up has looked at the processor.

@@ -28,6 +28,15 @@ using TextureRowsFn = void (*)(const TextureRows* rows);
 // A run of superpixels along one superpixel row (see embed_band.h).
 using EmbedBandFn = void (*)(const EmbedBand* band);
 
+// Work that embed_band can do once per pattern rather than once per
+// superpixel, for the count patterns of one frame's bank (item i has id i;
+// values are not read). With out null, returns the bytes needed, 0 when the
+// kernel has nothing to prepare for this geometry and mode; otherwise fills
+// out and returns the same number. embed_band then takes out as
+// EmbedBand::prepared for runs whose items carry these ids.
+using EmbedPrepareFn = int64_t (*)(const EmbedItem* patterns, int32_t count, int32_t sp_w,
+                                   int32_t sp_h, int32_t pm_mode, uint8_t* out);
+
 // embed_superpixel and its twins.
 using EmbedSuperpixelFn = int32_t (*)(uint8_t* luma, int32_t x, int32_t y, int32_t step,
                                       int32_t stride, int32_t sp_w, int32_t sp_h, int32_t spb_w,
@@ -44,6 +53,7 @@ struct KernelTable {
   CellSumsFn cell_sums;                // image-hash cell sums
   TextureRowsFn texture_rows;          // texture map rows without an integral image
   EmbedBandFn embed_band;              // embedding of a run of superpixels
+  EmbedPrepareFn embed_prepare;        // per-pattern preparation for embed_band
   EmbedSuperpixelFn embed_superpixel;  // embedding of one superpixel
   SignalMeasureFn signal_measure;      // signal of one superpixel
 };

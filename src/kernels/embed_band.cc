@@ -28,6 +28,10 @@ int64_t embed_band_scratch_bytes(int32_t sp_w, int32_t sp_h, int32_t count) {
          static_cast<int64_t>(count) * 64 + 6 * n * 4 + 8 * 64;
 }
 
+int64_t embed_band_prepare(const EmbedItem*, int32_t, int32_t, int32_t, int32_t, uint8_t*) {
+  return 0;
+}
+
 void describe_pattern(const int8_t* pattern, int32_t w, int32_t h, EmbedItem* item) {
   int32_t nonzero = 0;
   uint64_t mask = 0;
@@ -39,6 +43,7 @@ void describe_pattern(const int8_t* pattern, int32_t w, int32_t h, EmbedItem* it
   }
   item->nonzero = nonzero;
   item->row_mask = mask;
+  item->id = -1;
 }
 
 }  // namespace lumamark

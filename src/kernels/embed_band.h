@@ -13,6 +13,7 @@ struct EmbedItem {
   int32_t value;          // embedded value; only its sign is used
   int32_t nonzero;        // non-zero bytes of the pattern, 0..sp_w x sp_h
   uint64_t row_mask;      // bit r: pattern row r has a non-zero byte (rows 64 and up: always)
+  int32_t id;             // number of the pattern in the prepared set, or -1 (see EmbedPrepareFn)
 };
 
 struct EmbedBand {
@@ -31,6 +32,7 @@ struct EmbedBand {
   const uint8_t* texture;  // texture map (frame_w x frame_h) or null
   int32_t pm_mode;         // perceptual mode
   uint8_t* scratch;        // embed_band_scratch_bytes(sp_w, sp_h, count) bytes, or null
+  const uint8_t* prepared; // what the table's prepare made of the items' patterns, or null
 };
 
 // Same result as embed_superpixel(luma, first_x + i * sp_w, y, 1, stride, sp_w,
@@ -40,6 +42,10 @@ void embed_band(const EmbedBand* band);
 
 // Work space of the vector twins for a run of count superpixels.
 int64_t embed_band_scratch_bytes(int32_t sp_w, int32_t sp_h, int32_t count);
+
+// The plain kernels prepare nothing: returns 0.
+int64_t embed_band_prepare(const EmbedItem* patterns, int32_t count, int32_t sp_w, int32_t sp_h,
+                           int32_t pm_mode, uint8_t* out);
 
 // nonzero and row_mask of an item for a w x h pattern.
 void describe_pattern(const int8_t* pattern, int32_t w, int32_t h, EmbedItem* item);

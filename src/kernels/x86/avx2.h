@@ -17,4 +17,7 @@ void texture_rows_avx2(const TextureRows* rows);
 
 void embed_band_avx2(const EmbedBand* band);
 
+int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_t sp_w,
+                                int32_t sp_h, int32_t pm_mode, uint8_t* out);
+
 }  // namespace lumamark

@@ -57,6 +57,29 @@ constexpr ExpandTable kExpand = make_expand_table();
 // Longest superpixel side of the vector path (the command line allows 64).
 constexpr int32_t kMaxSide = 64;
 
+// Prepared patterns (embed_band_prepare_avx2): a header, then per pattern
+// one entry per row and block of eight columns.
+struct PreparedHeader {
+  int32_t sp_w;       // pattern width
+  int32_t sp_h;       // pattern height
+  int32_t chunks;     // blocks of eight columns per row
+  int32_t count;      // patterns
+  int32_t identity;   // 1: identity table (modes 0, 3), 0: amplitude 1 (other modes)
+  int32_t reserved[11];
+};
+static_assert(sizeof(PreparedHeader) == 64, "header keeps the entries aligned");
+
+struct PreparedEntry {
+  int16_t amp[2][8];    // amplitudes after the table, for sign +1 and sign -1
+  uint8_t shuffle[16];  // which random byte each pixel takes, from rank on
+  int32_t rank;         // random bytes taken by the rows and blocks before this one
+  int32_t reserved[3];
+};
+static_assert(sizeof(PreparedEntry) == 64, "entries are one cache line");
+
+// Prepared data is kept only while it stays small next to the frame.
+constexpr int64_t kMaxPrepared = 512 * 1024;
+
 inline int32_t resolve_border(int32_t setting, int32_t size) {
   return setting >= 1 ? setting : imax(size / 8, 1);
 }
@@ -296,6 +319,10 @@ struct BuildRows {
   const __m128i* tables;             // per-superpixel tables, or null
   const uint8_t* bytes;              // random bytes, superpixel i at bytes + i * slot
   int32_t slot;
+  const PreparedEntry* prepared;     // entries of the prepared patterns, or null
+  int32_t prepared_count;            // patterns there
+  int32_t chunks;                    // blocks of eight columns per row
+  int32_t sp_h;                      // pattern height
 };
 
 // Writes the amplitude (and, in perceptual mode, random-byte) rows of every
@@ -323,9 +350,30 @@ void build_rows(const BuildRows& b) {
       }
       continue;
     }
+    const uint8_t* bytes = b.bytes + static_cast<ptrdiff_t>(i) * b.slot;
+    if (b.prepared != nullptr && item.id >= 0 && item.id < b.prepared_count) {
+      // Everything but the random bytes themselves is known per pattern.
+      const PreparedEntry* entries =
+          b.prepared + static_cast<ptrdiff_t>(item.id) * b.chunks * b.sp_h;
+      const int32_t which = item.value < 0 ? 1 : 0;
+      for (int32_t u = 0; u < b.used_count; ++u) {
+        const PreparedEntry* e = entries + b.row[u] * b.chunks;
+        for (int32_t c = 0; c < sp_w; c += 8, ++e) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0 + c),
+                           _mm_load_si128(reinterpret_cast<const __m128i*>(e->amp[which])));
+          if (kPerceptual) {
+            const __m128i picked =
+                _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + e->rank)),
+                                 _mm_load_si128(reinterpret_cast<const __m128i*>(e->shuffle)));
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0 + c), picked);
+          }
+          if (kNarrow) break;
+        }
+      }
+      continue;
+    }
     const __m128i table = kIdentity ? zero : (b.tables != nullptr ? b.tables[i] : b.table);
     const __m128i sign = item.value < 0 ? minus : plus;
-    const uint8_t* bytes = b.bytes + static_cast<ptrdiff_t>(i) * b.slot;
     int32_t rank = 0;
     for (int32_t u = 0; u < b.used_count; ++u) {
       const int8_t* prow = item.pattern + b.pattern_offset[u];
@@ -436,6 +484,17 @@ void embed_band_avx2(const EmbedBand* b) {
   rows.tables = analyse ? tables : nullptr;
   rows.bytes = rnd;
   rows.slot = slot;
+  rows.chunks = (sp_w + 7) / 8;
+  rows.sp_h = sp_h;
+  rows.prepared = nullptr;
+  rows.prepared_count = 0;
+  if (b->prepared != nullptr && !analyse) {
+    const PreparedHeader* h = reinterpret_cast<const PreparedHeader*>(b->prepared);
+    if (h->sp_w == sp_w && h->sp_h == sp_h && h->identity == (identity ? 1 : 0)) {
+      rows.prepared = reinterpret_cast<const PreparedEntry*>(b->prepared + sizeof(PreparedHeader));
+      rows.prepared_count = h->count;
+    }
+  }
   if (identity) {
     if (perceptual) {
       sp_w <= 8 ? build_rows<true, true, true>(rows) : build_rows<true, true, false>(rows);
@@ -456,6 +515,54 @@ void embed_band_avx2(const EmbedBand* b) {
     apply_row(line, amp_rows + static_cast<size_t>(r) * cells, rnd_rows + static_cast<size_t>(r) * cells,
               tex, n);
   }
+}
+
+int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_t sp_w,
+                                int32_t sp_h, int32_t pm_mode, uint8_t* out) {
+  // Border analysis gives every superpixel its own table: nothing to share.
+  if (pm_mode == 2 || count < 1 || sp_w < 1 || sp_h < 1 || sp_w > kMaxSide || sp_h > kMaxSide) {
+    return 0;
+  }
+  const int32_t chunks = (sp_w + 7) / 8;
+  const int64_t bytes = static_cast<int64_t>(sizeof(PreparedHeader)) +
+                        static_cast<int64_t>(count) * chunks * sp_h * static_cast<int64_t>(sizeof(PreparedEntry));
+  if (bytes > kMaxPrepared) return 0;
+  if (out == nullptr) return bytes;
+
+  const bool identity = pm_mode == 0 || pm_mode == 3;
+  PreparedHeader* h = reinterpret_cast<PreparedHeader*>(out);
+  *h = PreparedHeader{};
+  h->sp_w = sp_w;
+  h->sp_h = sp_h;
+  h->chunks = chunks;
+  h->count = count;
+  h->identity = identity ? 1 : 0;
+  PreparedEntry* entries = reinterpret_cast<PreparedEntry*>(out + sizeof(PreparedHeader));
+  for (int32_t i = 0; i < count; ++i) {
+    const int8_t* pattern = patterns[i].pattern;
+    PreparedEntry* mine = entries + static_cast<ptrdiff_t>(i) * chunks * sp_h;
+    int32_t rank = 0;
+    for (int32_t r = 0; r < sp_h; ++r) {
+      for (int32_t c = 0, k = 0; c < sp_w; c += 8, ++k) {
+        PreparedEntry& e = mine[r * chunks + k];
+        e = PreparedEntry{};
+        e.rank = rank;
+        int32_t taken = 0;
+        for (int32_t j = 0; j < 8; ++j) {
+          const bool inside = c + j < sp_w;
+          const int32_t p = inside && pattern != nullptr ? pattern[r * sp_w + c + j] : 0;
+          // The same amplitude as the table lookup in build_rows.
+          const int32_t a = p >= 1 && p <= 7 && !identity ? 1 : p;
+          e.amp[0][j] = static_cast<int16_t>(inside ? a : 0);
+          e.amp[1][j] = static_cast<int16_t>(inside ? -a : 0);
+          e.shuffle[j] = p != 0 ? static_cast<uint8_t>(taken++) : 0x80;
+          e.shuffle[8 + j] = 0x80;
+        }
+        rank += taken;
+      }
+    }
+  }
+  return bytes;
 }
 
 }  // namespace lumamark

@@ -30,28 +30,48 @@ inline __m256i load16_u8(const uint8_t* p) {
   return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
 }
 
-// prefix[x] = row[0] + ... + row[x - 1] (mod 2^16) for x = 0..w.
-void row_prefix(const uint8_t* row, int32_t w, uint16_t* prefix) {
-  const __m256i last_word = _mm256_setr_epi8(14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14,
-                                             15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15,
-                                             14, 15, 14, 15, 14, 15);
-  prefix[0] = 0;
-  __m256i carry = _mm256_setzero_si256();
-  int32_t x = 0;
-  for (; x + 16 <= w; x += 16) {
-    __m256i v = load16_u8(row + x);
+// Running prefix sums of a row, sixteen samples at a time:
+// prefix[x] = row[0] + ... + row[x - 1] (mod 2^16).
+class PrefixScan {
+ public:
+  PrefixScan(const uint8_t* row, uint16_t* prefix) : row_(row), prefix_(prefix) { prefix_[0] = 0; }
+
+  // Fills prefix[x + 1 .. x + 16] for the next block x (a multiple of 16).
+  void block(int32_t x) {
+    __m256i v = load16_u8(row_ + x);
     v = _mm256_add_epi16(v, _mm256_slli_si256(v, 2));
     v = _mm256_add_epi16(v, _mm256_slli_si256(v, 4));
     v = _mm256_add_epi16(v, _mm256_slli_si256(v, 8));
     // Each 128-bit half now holds its own running sum; carry the low half's
     // total into the high half, then the previous block's total into both.
-    const __m256i half_total = _mm256_shuffle_epi8(v, last_word);
+    const __m256i half_total = _mm256_shuffle_epi8(v, last_word());
     v = _mm256_add_epi16(v, _mm256_permute2x128_si256(half_total, half_total, 0x08));
-    v = _mm256_add_epi16(v, carry);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(prefix + x + 1), v);
-    carry = _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, last_word), 0xFF);
+    // The block total is taken before the carry is added, so that the carry
+    // from block to block is one addition long.
+    const __m256i total = _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, last_word()), 0xFF);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(prefix_ + x + 1), _mm256_add_epi16(v, carry_));
+    carry_ = _mm256_add_epi16(carry_, total);
   }
-  for (; x < w; ++x) prefix[x + 1] = static_cast<uint16_t>(prefix[x] + row[x]);
+
+  // Fills prefix[x + 1 .. w] one sample at a time.
+  void tail(int32_t x, int32_t w) {
+    for (; x < w; ++x) prefix_[x + 1] = static_cast<uint16_t>(prefix_[x] + row_[x]);
+  }
+
+ private:
+  static __m256i last_word() {
+    return _mm256_setr_epi8(14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15,
+                            14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15, 14, 15);
+  }
+
+  const uint8_t* row_;
+  uint16_t* prefix_;
+  __m256i carry_ = _mm256_setzero_si256();
+};
+
+// Rounded means of sixteen window sums: (sum + n / 2) / n.
+inline __m256i rounded_mean(__m256i sum, __m256i half, __m256i mul, __m128i shift) {
+  return _mm256_srl_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(sum, half), mul), shift);
 }
 
 // columns[x] += add[x] - drop[x] for x < w; either row may be null.
@@ -109,6 +129,8 @@ void texture_rows_avx2(const TextureRows* rows) {
   const __m128i h_shift = _mm_cvtsi32_si128(hdiv.shift);
   const __m256i h_half = _mm256_set1_epi16(static_cast<int16_t>(full / 2));
   const __m256i cap = _mm256_set1_epi16(50);
+  const __m256i cap8 = _mm256_set1_epi8(50);
+  const __m256i eight = _mm256_set1_epi8(8);
 
   for (int32_t y = first; y < end; ++y) {
     if (y > first) {
@@ -128,7 +150,6 @@ void texture_rows_avx2(const TextureRows* rows) {
 
     const uint8_t* row = src + y * stride;
     uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * w;
-    row_prefix(row, w, prefix);
 
     // One column at a time, with its own horizontal window.
     auto single = [&](int32_t x) {
@@ -140,20 +161,35 @@ void texture_rows_avx2(const TextureRows* rows) {
       const uint32_t mv = small_divide16(columns[x] + nv / 2, vdiv);
       out[x] = texture_value(mh, mv, row[x]);
     };
-
-    // Full windows for r <= x <= w - 1 - r.
-    const int32_t inner_end = w - r;
-    int32_t x = 0;
-    for (; x < r && x < w; ++x) single(x);
-    for (; x + 16 <= inner_end; x += 16) {
+    // Both means of sixteen columns with full windows, from x on.
+    auto means = [&](int32_t x, __m256i* mh, __m256i* mv) {
       const __m256i hi_edge = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(prefix + x + r + 1));
       const __m256i lo_edge = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(prefix + x - r));
-      const __m256i hsum = _mm256_sub_epi16(hi_edge, lo_edge);
-      const __m256i mh =
-          _mm256_srl_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(hsum, h_half), h_mul), h_shift);
-      const __m256i vsum = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns + x));
-      const __m256i mv =
-          _mm256_srl_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(vsum, v_half), v_mul), v_shift);
+      *mh = rounded_mean(_mm256_sub_epi16(hi_edge, lo_edge), h_half, h_mul, h_shift);
+      *mv = rounded_mean(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns + x)), v_half,
+                         v_mul, v_shift);
+    };
+    // Thirty-two columns: the means packed to bytes, then
+    // min(dh + dv + 7 min(dh, dv), 50) in saturating byte arithmetic, which
+    // is exact because every saturation lies above 50 (k is cut at 8 first:
+    // 7 x 8 is already above 50).
+    auto block32 = [&](int32_t x) {
+      __m256i mh0, mv0, mh1, mv1;
+      means(x, &mh0, &mv0);
+      means(x + 16, &mh1, &mv1);
+      const __m256i mh = _mm256_permute4x64_epi64(_mm256_packus_epi16(mh0, mh1), 0xD8);
+      const __m256i mv = _mm256_permute4x64_epi64(_mm256_packus_epi16(mv0, mv1), 0xD8);
+      const __m256i p = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + x));
+      const __m256i dh = _mm256_or_si256(_mm256_subs_epu8(mh, p), _mm256_subs_epu8(p, mh));
+      const __m256i dv = _mm256_or_si256(_mm256_subs_epu8(mv, p), _mm256_subs_epu8(p, mv));
+      const __m256i k = _mm256_min_epu8(_mm256_min_epu8(dh, dv), eight);
+      const __m256i k7 = _mm256_sub_epi8(_mm256_slli_epi16(k, 3), k);
+      const __m256i v = _mm256_min_epu8(_mm256_adds_epu8(_mm256_adds_epu8(dh, dv), k7), cap8);
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + x), v);
+    };
+    auto block16 = [&](int32_t x) {
+      __m256i mh, mv;
+      means(x, &mh, &mv);
       const __m256i p = load16_u8(row + x);
       const __m256i dh = _mm256_abs_epi16(_mm256_sub_epi16(mh, p));
       const __m256i dv = _mm256_abs_epi16(_mm256_sub_epi16(mv, p));
@@ -162,8 +198,30 @@ void texture_rows_avx2(const TextureRows* rows) {
       v = _mm256_min_epi16(v, cap);
       const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(v, v), 0x08);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), _mm256_castsi256_si128(packed));
+    };
+
+    // The prefix sums run ahead of the columns being finished: columns
+    // x .. x + 31 need prefix[x - r .. x + 32 + r]. They are read a few
+    // blocks after they are stored, so that the loads find them in the
+    // cache rather than still in the store buffer (loads that straddle
+    // pending stores stall). Full windows lie in r <= x <= w - 1 - r.
+    constexpr int32_t kLag = 64;
+    const int32_t inner_end = w - r;
+    PrefixScan scan(row, prefix);
+    int32_t scanned = 0;  // prefix[0 .. scanned] are known
+    int32_t x = r;
+    for (; scanned + 16 <= w; scanned += 16) {
+      scan.block(scanned);
+      if (x + 32 <= inner_end && x + 32 + r + kLag <= scanned + 16) {
+        block32(x);
+        x += 32;
+      }
     }
-    for (; x < w; ++x) single(x);
+    scan.tail(scanned, w);
+    for (; x + 32 <= inner_end; x += 32) block32(x);
+    for (; x + 16 <= inner_end; x += 16) block16(x);
+    for (int32_t c = 0; c < r && c < w; ++c) single(c);
+    for (x = x > r ? x : r; x < w; ++x) single(x);
   }
   std::free(scratch);
 }
