@@ -27,7 +27,7 @@ while [ $# -gt 0 ]; do
   case "$1" in
     --time) seconds=${2:?--time needs a number of seconds}; shift ;;
     --jobs) jobs=${2:?--jobs needs a number}; shift ;;
-    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     fuzz_*) targets+=("$1") ;;
     *) echo "fuzz.sh: unknown argument: $1" >&2; exit 2 ;;
   esac
