@@ -1,0 +1,134 @@
+#!/usr/bin/env bash
+# Pipeline benchmark: lumamark as the middle stage of
+#   cat clip | lumamark ... | cat > /dev/null
+# against the same pipeline with cat in the middle, measured in the same run.
+#
+# Usage: scripts/bench_pipeline.sh [--build DIR] [--dir DIR] [--reps N]
+#                                  [--frames-1080 N] [--frames-2160 N] [--quick]
+#
+# Generates a 1080p and a 2160p yuv420p clip with lumamark-sample (kept in
+# --dir between runs), then times every setting --reps times, interleaved
+# with the cat baseline, and prints medians:
+#   fps and MB/s of the pipeline, its wall time as a ratio to the cat
+#   pipeline, CPU milliseconds per frame of the lumamark process (user +
+#   system) and its peak resident set size.
+# Settings: perceptual modes 0 to 3, deep-fake, FEC 0 and 2, each with
+# --threads 1 and --threads 0.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=build
+dir=${TMPDIR:-/tmp}/lumamark-bench
+reps=5
+frames_1080=120
+frames_2160=30
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --build) build=$2; shift 2 ;;
+    --dir) dir=$2; shift 2 ;;
+    --reps) reps=$2; shift 2 ;;
+    --frames-1080) frames_1080=$2; shift 2 ;;
+    --frames-2160) frames_2160=$2; shift 2 ;;
+    --quick) reps=3; frames_1080=30; frames_2160=8; shift ;;
+    -h|--help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "unknown option: $1" >&2; exit 2 ;;
+  esac
+done
+
+. scripts/deps.sh
+ensure_packages /usr/bin/time:time
+lumamark=$build/lumamark
+sample=$build/lumamark-sample
+if [ ! -x "$lumamark" ] || [ ! -x "$sample" ]; then
+  echo "build lumamark and lumamark-sample first (ninja -C $build lumamark lumamark-sample)" >&2
+  exit 1
+fi
+mkdir -p "$dir"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+clip() {  # width height frames -> path (generated once)
+  local path="$dir/clip_${1}x${2}_${3}.yuv"
+  if [ ! -s "$path" ]; then
+    echo "generating $path" >&2
+    "$sample" --width "$1" --height "$2" --frames "$3" --output "$path.tmp" && mv "$path.tmp" "$path"
+  fi
+  echo "$path"
+}
+
+now() { date +%s.%N; }
+calc() { awk "BEGIN {printf \"%.6f\", $1}"; }
+
+# One timed pipeline; prints "wall user sys maxrss_kb" of the middle stage
+# (wall of the whole pipeline).
+run_once() {  # clip middle-command...
+  local in=$1; shift
+  local t0 t1
+  t0=$(now)
+  cat "$in" | /usr/bin/time -o "$work/time" -f "%U %S %M" "$@" | cat > /dev/null
+  t1=$(now)
+  echo "$(awk -v a="$t0" -v b="$t1" 'BEGIN {printf "%.6f", b - a}') $(cat "$work/time")"
+}
+
+median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2}'; }
+
+settings=(
+  "defaults (pm 3, FEC 2)|"
+  "pm 0|--pm-mode 0"
+  "pm 1|--pm-mode 1"
+  "pm 2|--pm-mode 2"
+  "pm 3, FEC 0|--fec 0"
+  "deep-fake|--deep-fake"
+)
+
+bench_size() {  # width height frames
+  local w=$1 h=$2 frames=$3
+  local in
+  in=$(clip "$w" "$h" "$frames")
+  local frame_bytes=$((w * h * 3 / 2))
+  local mb
+  mb=$(calc "$frame_bytes * $frames / 1000000")
+  cat "$in" > /dev/null  # into the page cache
+
+  local names=("cat")
+  local cmds=("cat")
+  local s t
+  for s in "${settings[@]}"; do
+    for t in 1 0; do
+      names+=("${s%%|*}, --threads $t")
+      cmds+=("$lumamark --width $w --height $h --threads $t ${s#*|}")
+    done
+  done
+
+  # Repetitions interleave all settings, so that a slow moment of the
+  # machine touches them alike.
+  local i r
+  for ((r = 0; r < reps; r++)); do
+    for i in "${!cmds[@]}"; do
+      # shellcheck disable=SC2086
+      run_once "$in" ${cmds[$i]} >> "$work/res_$i"
+    done
+  done
+
+  local base_wall
+  base_wall=$(cut -d' ' -f1 "$work/res_0" | median)
+  printf '\n%dx%d yuv420p, %d frames (%.0f MB), %d runs each, medians\n' "$w" "$h" "$frames" "$mb" "$reps"
+  printf '%-34s %8s %8s %9s %8s %10s %8s\n' setting wall_s fps MB/s ratio cpu_ms/fr rss_MB
+  for i in "${!cmds[@]}"; do
+    local wall user sys rss cpu
+    wall=$(cut -d' ' -f1 "$work/res_$i" | median)
+    cpu=$(awk '{print $2 + $3}' "$work/res_$i" | median)
+    rss=$(cut -d' ' -f4 "$work/res_$i" | sort -g | tail -1)
+    printf '%-34s %8.3f %8.1f %9.1f %8.2f %10.2f %8.1f\n' "${names[$i]}" "$wall" \
+      "$(calc "$frames / $wall")" "$(calc "$mb / $wall")" "$(calc "$wall / $base_wall")" \
+      "$(calc "$cpu * 1000 / $frames")" "$(calc "$rss / 1024")"
+    rm -f "$work/res_$i"
+  done
+}
+
+echo "lumamark pipeline benchmark: $(nproc) processors, $("$lumamark" --version 2>&1 | head -1)"
+bench_size 1920 1080 "$frames_1080"
+bench_size 3840 2160 "$frames_2160"
+echo
+echo "ratio = pipeline wall time / wall time of cat clip | cat | cat > /dev/null (same run)"
+echo "cpu_ms/fr and rss_MB are those of the middle stage (user + system time, peak RSS)"
