@@ -155,7 +155,6 @@ void texture_rows_direct(const TextureRows* rows) {
     }
     y0 = ny0;
     y1 = ny1;
-    if (rows->needed != nullptr && rows->needed[y] == 0) continue;
     const RoundedMean v_mean(static_cast<uint32_t>(y1 - y0));
     const uint8_t* row = src + static_cast<ptrdiff_t>(y) * stride;
     uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * w;

@@ -2,8 +2,10 @@
 // image reference, byte for byte.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "kernels/divide.h"
@@ -51,6 +53,36 @@ TEST(TextureSimd, RandomPlanesRadiiAndRowSplits) {
     std::vector<uint8_t> src(static_cast<size_t>(stride) * h);
     test::fill_picture(src.data(), src.size(), rng);
     expect_same_map(src, w, h, stride, r, 1 + static_cast<int>(rng() % 5));
+  }
+}
+
+// Rows marked as not needed may be skipped; the others must be exact.
+TEST(TextureSimd, NeededRowsAreExact) {
+  std::mt19937 rng(8);
+  for (int iter = 0; iter < 40; ++iter) {
+    const int w = 20 + static_cast<int>(rng() % 200), h = 2 + static_cast<int>(rng() % 60);
+    std::vector<uint8_t> src(static_cast<size_t>(w) * h), needed(h);
+    test::fill_picture(src.data(), src.size(), rng);
+    for (auto& n : needed) n = rng() % 3 != 0;
+    std::vector<uint32_t> integral(static_cast<size_t>(w + 1) * (h + 1));
+    texture_integral(src.data(), w, h, w, integral.data());
+    std::vector<uint8_t> want(src.size());
+    const TextureRows all{src.data(), want.data(), integral.data(), w + 1, w, h, w, 10, 0, h};
+    texture_rows(&all);
+    for (const KernelTable* table : test::runnable_tables()) {
+      std::vector<uint8_t> got(src.size(), 0xEE);
+      const int split = static_cast<int>(rng() % h);
+      for (const auto& [first, end] : {std::pair{0, split}, std::pair{split, h}}) {
+        TextureRows rows{src.data(), got.data(), nullptr, 0, w, h, w, 10, first, end};
+        rows.needed = needed.data();
+        table->texture_rows(&rows);
+      }
+      for (int y = 0; y < h; ++y) {
+        if (needed[y] == 0) continue;
+        ASSERT_TRUE(std::equal(want.begin() + y * w, want.begin() + (y + 1) * w, got.begin() + y * w))
+            << table->name << " row " << y;
+      }
+    }
   }
 }
 
