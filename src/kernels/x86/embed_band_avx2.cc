@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "kernels/divide.h"
 #include "kernels/embed.h"
 #include "kernels/embed_band.h"
 #include "kernels/intmath.h"
@@ -99,17 +100,41 @@ void border_attenuation(int32_t m, int32_t small[8]) {
   small[7] = 7 * c / 5;
 }
 
+
 __m128i make_table(const int32_t small[8]) {
   alignas(16) uint8_t t[16];
   for (int32_t p = 0; p < 16; ++p) t[p] = static_cast<uint8_t>(p < 8 ? imin(p, small[p]) : p);
   return _mm_load_si128(reinterpret_cast<const __m128i*>(t));
 }
 
+// The attenuation tables that the border analysis can give, by band of the
+// smallest strip deviation: below 1000, 1000..4999 by thousands, 5000 on.
+struct BorderTables {
+  alignas(16) uint8_t bytes[6][16];
+
+  BorderTables() {
+    const int32_t m_of_band[6] = {0, 1000, 2000, 3000, 4000, 5000};
+    for (int band = 0; band < 6; ++band) {
+      int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+      border_attenuation(m_of_band[band], small);
+      for (int32_t p = 0; p < 16; ++p) bytes[band][p] = static_cast<uint8_t>(p < 8 ? imin(p, small[p]) : p);
+    }
+  }
+
+  __m128i at(int32_t m) const {
+    const int band = m < 1000 ? 0 : (m >= 5000 ? 5 : m / 1000);
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(bytes[band]));
+  }
+};
+
+const BorderTables kBorderTables;
+
 // Sum of squared deviations from the truncated mean, from the sum and the
-// sum of squares of n samples.
-inline int32_t strip_ssd(uint32_t sum, uint32_t squares, int32_t n) {
-  const uint32_t mean = static_cast<uint32_t>(static_cast<int32_t>(sum) / n);
-  return static_cast<int32_t>(squares - 2 * mean * sum + static_cast<uint32_t>(n) * mean * mean);
+// sum of squares of n samples (sum <= 255 n, so the mean divides exactly by
+// multiplication).
+inline int32_t strip_ssd(uint32_t sum, uint32_t squares, uint32_t n, FastDivisor by_n) {
+  const uint32_t mean = fast_divide(sum, by_n);
+  return static_cast<int32_t>(squares - 2 * mean * sum + n * mean * mean);
 }
 
 inline uint8_t* align64(uint8_t* p) {
@@ -118,6 +143,8 @@ inline uint8_t* align64(uint8_t* p) {
 
 // Border analysis of every embedded superpixel of the run, before any
 // change: tables[i] is the attenuated amplitude of pattern bytes 0..15.
+// Column sums (and sums of squares) over the top strip's rows, the rows
+// above the bottom strip and all rows are summed over each strip's columns.
 void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, uint32_t* sums) {
   const int32_t sp_w = b->sp_w;
   const int32_t sp_h = b->sp_h;
@@ -125,8 +152,8 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
   const ptrdiff_t stride = b->stride;
   const uint8_t* base = b->luma + static_cast<ptrdiff_t>(b->y) * stride + b->first_x;
   const size_t cells = static_cast<size_t>(n) + 64;
-  // all = columns over all rows, top = over the first 2 bh rows, upper = over
-  // the rows above the bottom strip; each as sums and sums of squares.
+  // Column sums over all rows, the top strip and the rows above the bottom
+  // strip; samples and their squares.
   uint32_t* all1 = sums;
   uint32_t* all2 = all1 + cells;
   uint32_t* top1 = all2 + cells;
@@ -152,7 +179,9 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
       }
       const __m256i v = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
       s1 = _mm256_add_epi32(s1, v);
-      s2 = _mm256_add_epi32(s2, _mm256_mullo_epi32(v, v));
+      // Each 32-bit lane is (sample, 0) as two 16-bit halves: the pairwise
+      // product sum is the square.
+      s2 = _mm256_add_epi32(s2, _mm256_madd_epi16(v, v));
     }
     if (top_rows == sp_h) {
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(top1 + x), s1);
@@ -176,29 +205,68 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
     all2[x] = s2;
   }
 
-  const int32_t wide = sp_w * top_rows;       // samples of the top and bottom strips
-  const int32_t tall = 2 * bw * sp_h;         // samples of the left and right strips
+  const uint32_t wide = static_cast<uint32_t>(sp_w * top_rows);  // samples of the top and bottom strips
+  const uint32_t tall = static_cast<uint32_t>(2 * bw * sp_h);     // samples of the left and right strips
+  const FastDivisor by_wide = fast_divisor(wide);
+  const FastDivisor by_tall = fast_divisor(tall);
+  auto table_of = [&](const uint32_t (&strip)[8]) {
+    // strip: top, bottom, left, right sums, then the same sums of squares.
+    const int32_t top = strip_ssd(strip[0], strip[4], wide, by_wide);
+    const int32_t bottom = strip_ssd(strip[1], strip[5], wide, by_wide);
+    const int32_t left = strip_ssd(strip[2], strip[6], tall, by_tall);
+    const int32_t right = strip_ssd(strip[3], strip[7], tall, by_tall);
+    return kBorderTables.at(imin(imin(top, bottom), imin(left, right)));
+  };
+
+  if (sp_w <= 8) {
+    // One superpixel's columns fit eight lanes: the strips are masked lane
+    // sums, reduced together.
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m256i all_cols = _mm256_cmpgt_epi32(_mm256_set1_epi32(sp_w), lane);
+    const __m256i left_cols = _mm256_cmpgt_epi32(_mm256_set1_epi32(2 * bw), lane);
+    const __m256i right_cols =
+        _mm256_andnot_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(sp_w - 2 * bw), lane), all_cols);
+    alignas(32) uint32_t strip[8];
+    for (int32_t i = 0; i < b->count; ++i) {
+      if (b->items[i].pattern == nullptr) continue;
+      const int32_t x0 = i * sp_w;
+      auto at = [x0](const uint32_t* a) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a + x0)); };
+      const __m256i a1 = at(all1), a2 = at(all2);
+      const __m256i t1 = _mm256_and_si256(at(top1), all_cols);
+      const __m256i t2 = _mm256_and_si256(at(top2), all_cols);
+      const __m256i b1 = _mm256_and_si256(_mm256_sub_epi32(a1, at(upper1)), all_cols);
+      const __m256i b2 = _mm256_and_si256(_mm256_sub_epi32(a2, at(upper2)), all_cols);
+      const __m256i l1 = _mm256_and_si256(a1, left_cols), l2 = _mm256_and_si256(a2, left_cols);
+      const __m256i r1 = _mm256_and_si256(a1, right_cols), r2 = _mm256_and_si256(a2, right_cols);
+      // Eight lane sums at once: pairwise additions leave, per 128-bit half,
+      // partial sums in the order t1 b1 l1 r1 t2 b2 l2 r2.
+      const __m256i p = _mm256_hadd_epi32(_mm256_hadd_epi32(t1, b1), _mm256_hadd_epi32(l1, r1));
+      const __m256i q = _mm256_hadd_epi32(_mm256_hadd_epi32(t2, b2), _mm256_hadd_epi32(l2, r2));
+      const __m256i sums4 = _mm256_add_epi32(_mm256_permute2x128_si256(p, q, 0x20),
+                                             _mm256_permute2x128_si256(p, q, 0x31));
+      _mm256_store_si256(reinterpret_cast<__m256i*>(strip), sums4);
+      tables[i] = table_of(strip);
+    }
+    return;
+  }
+
   for (int32_t i = 0; i < b->count; ++i) {
     if (b->items[i].pattern == nullptr) continue;
     const int32_t x0 = i * sp_w;
-    uint32_t t1 = 0, t2 = 0, b1 = 0, b2 = 0, l1 = 0, l2 = 0, r1 = 0, r2 = 0;
-    for (int32_t c = 0; c < sp_w; ++c) {
-      t1 += top1[x0 + c];
-      t2 += top2[x0 + c];
-      b1 += all1[x0 + c] - upper1[x0 + c];
-      b2 += all2[x0 + c] - upper2[x0 + c];
+    uint32_t strip[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    for (int32_t c = x0; c < x0 + sp_w; ++c) {
+      strip[0] += top1[c];
+      strip[4] += top2[c];
+      strip[1] += all1[c] - upper1[c];
+      strip[5] += all2[c] - upper2[c];
     }
     for (int32_t c = 0; c < 2 * bw; ++c) {
-      l1 += all1[x0 + c];
-      l2 += all2[x0 + c];
-      r1 += all1[x0 + sp_w - 2 * bw + c];
-      r2 += all2[x0 + sp_w - 2 * bw + c];
+      strip[2] += all1[x0 + c];
+      strip[6] += all2[x0 + c];
+      strip[3] += all1[x0 + sp_w - 2 * bw + c];
+      strip[7] += all2[x0 + sp_w - 2 * bw + c];
     }
-    const int32_t m = imin(imin(strip_ssd(t1, t2, wide), strip_ssd(b1, b2, wide)),
-                           imin(strip_ssd(l1, l2, tall), strip_ssd(r1, r2, tall)));
-    int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-    border_attenuation(m, small);
-    tables[i] = make_table(small);
+    tables[i] = table_of(strip);
   }
 }
 
