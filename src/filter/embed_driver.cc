@@ -44,14 +44,26 @@ void embed_worker_entry(void* arg) { embed_worker(static_cast<EmbedTask*>(arg));
 
 }  // namespace
 
-int32_t position_class(int32_t sx, int32_t sy, int32_t cols, int32_t rows) {
-  const Zone zx = zone_of(sx, cols / 4, cols);
-  const Zone zy = zone_of(sy, rows / 4, rows);
+namespace {
+
+// The class from the two zones; centre is whether tc < sx < cols - tc.
+int32_t class_of_zones(Zone zx, Zone zy, bool centre) {
   if (zx == kLine || zy == kLine) return 2;
   if (zx == kOuter && zy == kOuter) return 0;
   if (zx == kOuter || zy == kOuter) return 1;
+  return centre ? 3 : 2;
+}
+
+bool in_centre(int32_t sx, int32_t cols) {
   const int32_t tc = cols / 3;
-  return (tc < sx && sx < cols - tc) ? 3 : 2;
+  return tc < sx && sx < cols - tc;
+}
+
+}  // namespace
+
+int32_t position_class(int32_t sx, int32_t sy, int32_t cols, int32_t rows) {
+  return class_of_zones(zone_of(sx, cols / 4, cols), zone_of(sy, rows / 4, rows),
+                        in_centre(sx, cols));
 }
 
 namespace {
@@ -65,9 +77,13 @@ bool embed_runs(EmbedTask* t) {
   const int64_t scratch_bytes = embed_band_scratch_bytes(t->sp_w, t->sp_h, cols);
   uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
   EmbedItem* items = static_cast<EmbedItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(EmbedItem)));
-  if (scratch == nullptr || items == nullptr) {
+  // For each kind of row zone, the number of the first pattern (level 0) of
+  // every column's class and variant.
+  int32_t* first_pattern = static_cast<int32_t*>(std::malloc(static_cast<size_t>(cols) * 3 * sizeof(int32_t)));
+  if (scratch == nullptr || items == nullptr || first_pattern == nullptr) {
     std::free(scratch);
     std::free(items);
+    std::free(first_pattern);
     return false;
   }
   const EmbedBandFn embed = kernels().embed_band;
@@ -80,23 +96,30 @@ bool embed_runs(EmbedTask* t) {
     const int32_t value = wrap_sub(byte, t->strength);
     level_of[byte] = value == 0 ? 0 : static_cast<int32_t>(magnitude(value) - 1) % levels;
   }
+  for (int32_t z = 0; z < 3; ++z) {
+    for (int32_t sx = 0; sx < cols; ++sx) {
+      const int32_t cls = class_of_zones(zone_of(sx, cols / 4, cols), static_cast<Zone>(z),
+                                         in_centre(sx, cols));
+      first_pattern[z * cols + sx] = (cls * kVariants + sx % kVariants) * levels;
+    }
+  }
   for (int32_t i = t->first; i < t->end;) {
     const int32_t sy = i / cols;
     if (sy >= t->rows) break;
     const int32_t sx0 = i - sy * cols;
     const int32_t run_end = imin(t->end, (sy + 1) * cols);
     const int32_t count = run_end - i;
+    const int32_t* first_of = first_pattern + zone_of(sy, t->rows / 4, t->rows) * cols + sx0;
+    const uint8_t* selection = t->selection + i;
+    const uint8_t* map = t->map + i;
     for (int32_t k = 0; k < count; ++k) {
-      const int32_t at = i + k;
       EmbedItem& item = items[k];
-      if (t->selection[at] != 1) {
+      if (selection[k] != 1) {
         item.pattern = nullptr;
         continue;
       }
-      const int32_t sx = sx0 + k;
-      const int64_t variant = position_class(sx, sy, cols, t->rows) * int64_t{kVariants} + sx % kVariants;
-      item = t->patterns[variant * levels + level_of[t->map[at]]];
-      item.value = wrap_sub(t->map[at], t->strength);
+      item = t->patterns[first_of[k] + level_of[map[k]]];
+      item.value = wrap_sub(map[k], t->strength);
     }
     const EmbedBand band{t->luma,  t->stride,  t->width,  t->height,   t->sp_w,
                          t->sp_h,  t->border_w, t->border_h, sy * t->sp_h, sx0 * t->sp_w,
@@ -105,6 +128,7 @@ bool embed_runs(EmbedTask* t) {
     embed(&band);
     i = run_end;
   }
+  std::free(first_pattern);
   std::free(items);
   std::free(scratch);
   return true;
