@@ -16,7 +16,7 @@ constexpr KernelTable kPlain = {
 
 constexpr KernelTable kAvx2 = {
     "avx2",           cell_sums_avx2,   texture_rows_avx2,   embed_band_avx2,
-    embed_band_prepare_avx2, embed_superpixel, signal_measure,
+    embed_band_prepare_avx2, embed_superpixel_avx2, signal_measure_avx2,
 };
 
 // The plain table until start-up has looked at the processor.

@@ -20,4 +20,12 @@ void embed_band_avx2(const EmbedBand* band);
 int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_t sp_w,
                                 int32_t sp_h, int32_t pm_mode, uint8_t* out);
 
+int32_t embed_superpixel_avx2(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
+                              int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h,
+                              int32_t value, int32_t frame_w, int32_t frame_h,
+                              const int8_t* pattern, const uint8_t* texture, int32_t pm_mode);
+
+int32_t signal_measure_avx2(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, int32_t sp_h,
+                            int32_t stride, int32_t spb_w, int32_t spb_h);
+
 }  // namespace lumamark

@@ -28,32 +28,11 @@
 #include "kernels/embed_band.h"
 #include "kernels/intmath.h"
 #include "kernels/x86/avx2.h"
+#include "kernels/x86/rows_avx2.h"
 
 namespace lumamark {
 namespace {
 
-// For every 8-bit mask of non-zero pattern bytes: byte k names the random
-// byte that pixel k takes (its rank among the set bits), or 0x80 for none.
-struct ExpandTable {
-  alignas(16) uint8_t rows[256][16];
-};
-
-constexpr ExpandTable make_expand_table() {
-  ExpandTable t{};
-  for (int m = 0; m < 256; ++m) {
-    int rank = 0;
-    for (int k = 0; k < 16; ++k) {
-      if (k < 8 && ((m >> k) & 1) != 0) {
-        t.rows[m][k] = static_cast<uint8_t>(rank++);
-      } else {
-        t.rows[m][k] = 0x80;
-      }
-    }
-  }
-  return t;
-}
-
-constexpr ExpandTable kExpand = make_expand_table();
 
 // Longest superpixel side of the vector path (the command line allows 64).
 constexpr int32_t kMaxSide = 64;

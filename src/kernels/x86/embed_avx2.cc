@@ -1,0 +1,156 @@
+// embed_superpixel with AVX2 for superpixels up to 16 pixels wide: one row
+// at a time, every pixel in its own 16-bit lane. In perceptual mode the
+// random bytes of the superpixel's generator are drawn up front, as many as
+// its non-zero pattern bytes take, and handed out row by row in pixel order.
+#include <immintrin.h>
+
+#include <cstddef>
+
+#include "kernels/embed.h"
+#include "kernels/intmath.h"
+#include "kernels/prng.h"
+#include "kernels/x86/avx2.h"
+#include "kernels/x86/rows_avx2.h"
+
+namespace lumamark {
+namespace {
+
+constexpr int32_t kMaxWidth = 16;
+constexpr int32_t kMaxHeight = 64;
+
+inline int32_t resolve_border(int32_t setting, int32_t size) {
+  return setting >= 1 ? setting : imax(size / 8, 1);
+}
+
+// Entries 1..7 after the border analysis (see embed.cc).
+void border_attenuation(int32_t m, int32_t small[8]) {
+  if (m < 1000) {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+    return;
+  }
+  if (m >= 5000) return;
+  const int32_t c = 5 - m / 1000;
+  for (int32_t k = 1; k <= 4; ++k) small[k] = c * k / 5;
+  small[5] = c;
+  small[6] = 6 * c / 5;
+  small[7] = 7 * c / 5;
+}
+
+// Bits of the non-zero bytes among the first n.
+inline uint32_t nonzero_bits(__m128i bytes, int32_t n) {
+  const uint32_t zero = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())));
+  return ~zero & ((1u << n) - 1);
+}
+
+}  // namespace
+
+int32_t embed_superpixel_avx2(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
+                              int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h,
+                              int32_t value, int32_t frame_w, int32_t frame_h,
+                              const int8_t* pattern, const uint8_t* texture, int32_t pm_mode) {
+  if (step != 1 || sp_w < 1 || sp_w > kMaxWidth || sp_h > kMaxHeight) {
+    return embed_superpixel(luma, x, y, step, stride, sp_w, sp_h, spb_w, spb_h, value, frame_w,
+                            frame_h, pattern, texture, pm_mode);
+  }
+  const int32_t bw = resolve_border(spb_w, sp_w);
+  const int32_t bh = resolve_border(spb_h, sp_h);
+
+  // The attenuation table, exactly as the plain kernel sets it.
+  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  if (pm_mode == 0 || pm_mode == 3) {
+    // identity
+  } else if (pm_mode == 2 && (int64_t{2} * bw > sp_w || int64_t{2} * bh > sp_h)) {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  } else if (pm_mode == 2) {
+    const ptrdiff_t pitch = stride;
+    const uint8_t* origin = luma + static_cast<ptrdiff_t>(y) * pitch + x;
+    const int32_t top = block_ssd(origin, sp_w, 2 * bh, stride);
+    const int32_t bottom = block_ssd(luma + static_cast<ptrdiff_t>(sp_h + y - 2 * bh) * pitch + x,
+                                     sp_w, 2 * bh, stride);
+    const int32_t left = block_ssd(origin, 2 * bw, sp_h, stride);
+    const int32_t right = block_ssd(origin + (sp_w - 2 * bw), 2 * bw, sp_h, stride);
+    border_attenuation(imin(imin(top, bottom), imin(left, right)), small);
+  } else {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  }
+  if (sp_h < 1) return 0;
+
+  // Entries 0..7 from the table, 8..15 the identity.
+  const __m128i table = _mm_setr_epi8(
+      0, static_cast<char>(imin(1, small[1])), static_cast<char>(imin(2, small[2])),
+      static_cast<char>(imin(3, small[3])), static_cast<char>(imin(4, small[4])),
+      static_cast<char>(imin(5, small[5])), static_cast<char>(imin(6, small[6])),
+      static_cast<char>(imin(7, small[7])), 8, 9, 10, 11, 12, 13, 14, 15);
+  const __m128i high_nibble = _mm_set1_epi8(static_cast<char>(0xF0));
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i sign = _mm_set1_epi16(value < 0 ? -1 : 1);
+  const bool perceptual = pm_mode == 3 && texture != nullptr;
+
+  // Random bytes: one generator output serves eight non-zero pattern bytes.
+  alignas(16) uint8_t random[(kMaxWidth * kMaxHeight / 8 + 2) * 8];
+  if (perceptual) {
+    int32_t nonzero = 0;
+    for (int32_t r = 0; r < sp_h; ++r) {
+      const __m128i pat = load_row16(reinterpret_cast<const uint8_t*>(pattern) + r * sp_w, sp_w);
+      nonzero += __builtin_popcount(nonzero_bits(pat, sp_w));
+    }
+    const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
+                        (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
+                        static_cast<uint32_t>(wrap_add(x, 1));
+    Prng64 noise{};
+    prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
+    for (int32_t k = 0; k * 8 < nonzero; ++k) {
+      const uint64_t bytes = prng64_next_u64(&noise);
+      __builtin_memcpy(random + k * 8, &bytes, 8);
+    }
+  }
+
+  const __m256i k24 = _mm256_set1_epi16(24);
+  const __m256i k128 = _mm256_set1_epi16(128);
+  const __m256i k255 = _mm256_set1_epi16(255);
+  const __m256i zero16 = _mm256_setzero_si256();
+  __m256i total = _mm256_setzero_si256();
+  int32_t rank = 0;
+  for (int32_t r = 0; r < sp_h; ++r) {
+    const __m128i pat = load_row16(reinterpret_cast<const uint8_t*>(pattern) + r * sp_w, sp_w);
+    // Bytes 0..15 go through the table, all others keep their value.
+    const __m128i in_table = _mm_cmpeq_epi8(_mm_and_si128(pat, high_nibble), zero);
+    const __m128i a8 = _mm_blendv_epi8(pat, _mm_shuffle_epi8(table, pat), in_table);
+    const __m256i a = _mm256_cvtepi8_epi16(a8);
+    const __m256i signed_a = _mm256_sign_epi16(a, _mm256_broadcastsi128_si256(sign));
+    uint8_t* line = luma + (static_cast<ptrdiff_t>(y) + r) * stride + x;
+    const __m256i old = _mm256_cvtepu8_epi16(load_row16(line, sp_w));
+    __m256i change = signed_a;
+    if (perceptual) {
+      const uint32_t nz = nonzero_bits(pat, sp_w);
+      const __m128i lo = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)),
+                                          _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz & 0xFF])));
+      rank += __builtin_popcount(nz & 0xFF);
+      const __m128i hi = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)),
+                                          _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz >> 8])));
+      rank += __builtin_popcount(nz >> 8);
+      const __m256i rnd = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(lo, hi));
+      const uint8_t* tex_row = texture + (static_cast<ptrdiff_t>(y) + r) * frame_w + x;
+      const __m256i tex = _mm256_cvtepu8_epi16(load_row16(tex_row, sp_w));
+      const __m256i weight = _mm256_add_epi16(_mm256_add_epi16(rnd, k128), _mm256_mullo_epi16(tex, k24));
+      const __m256i mag = _mm256_abs_epi16(signed_a);
+      // (|a| x weight) >> 10 from the two halves of the 32-bit product,
+      // then the sign of a: the division truncates toward zero.
+      const __m256i q = _mm256_or_si256(_mm256_srli_epi16(_mm256_mullo_epi16(mag, weight), 10),
+                                        _mm256_slli_epi16(_mm256_mulhi_epu16(mag, weight), 6));
+      change = _mm256_sign_epi16(q, signed_a);
+    }
+    const __m256i now = _mm256_max_epi16(_mm256_min_epi16(_mm256_add_epi16(old, change), k255), zero16);
+    total = _mm256_add_epi16(total, _mm256_sub_epi16(now, old));
+    const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(now, now), 0x08);
+    store_row16(line, _mm256_castsi256_si128(packed), sp_w);
+  }
+  // At most 64 rows of changes of at most 255 per lane: no 16-bit overflow.
+  const __m256i wide = _mm256_madd_epi16(total, _mm256_set1_epi16(1));
+  __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
+  s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
+  s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
+  return _mm_cvtsi128_si32(s4);
+}
+
+}  // namespace lumamark
