@@ -357,7 +357,6 @@ struct BuildRows {
   int32_t sp_w;
   int32_t area;
   int32_t used_count;
-  int32_t short_from;                // pattern rows from here on have fewer than 8 bytes left
   int32_t row[kMaxSide];             // the used rows
   int32_t pattern_offset[kMaxSide];  // row * sp_w
   int16_t* amp[kMaxSide];            // amplitude row of each used row
@@ -424,10 +423,12 @@ void build_rows(const BuildRows& b) {
     int32_t rank = 0;
     for (int32_t u = 0; u < b.used_count; ++u) {
       const int8_t* prow = item.pattern + b.pattern_offset[u];
-      const bool full = b.row[u] < b.short_from;
+      // Bytes of the pattern from this row on; the last blocks of the last
+      // rows are loaded without reading past the pattern.
+      const int32_t left = b.area - b.pattern_offset[u];
       for (int32_t c = 0; c < sp_w; c += 8) {
-        const __m128i pat = full ? _mm_loadl_epi64(reinterpret_cast<const __m128i*>(prow + c))
-                                 : load_pattern8(prow + c, b.area - b.pattern_offset[u] - c);
+        const __m128i pat = c + 8 <= left ? _mm_loadl_epi64(reinterpret_cast<const __m128i*>(prow + c))
+                                          : load_pattern8(prow + c, left - c);
         __m128i a8 = pat;
         if (!kIdentity) {
           // Bytes 0..15 go through the table, all others keep their value.
@@ -520,7 +521,6 @@ void embed_band_avx2(const EmbedBand* b) {
   rows.sp_w = sp_w;
   rows.area = area;
   rows.used_count = used_count;
-  rows.short_from = area >= 8 ? (area - 8) / sp_w + 1 : 0;
   for (int32_t u = 0; u < used_count; ++u) {
     rows.pattern_offset[u] = used[u] * sp_w;
     rows.amp[u] = amp_rows + static_cast<size_t>(used[u]) * cells;
