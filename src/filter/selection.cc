@@ -3,6 +3,7 @@
 #include "filter/selection.h"
 
 #include <cstddef>
+#include <cstring>
 
 #include "kernels/intmath.h"
 #include "kernels/prng.h"
@@ -25,6 +26,13 @@ void selection_block(uint8_t* out, int32_t n, int32_t density, int32_t seed) {
   Prng64 g;
   prng64_seed(&g, static_cast<uint32_t>(seed), 9u);
   if (n < 1) return;
+  // With a threshold of 255 or more every random byte selects, and when the
+  // target is every byte no correction follows: the random bytes do not
+  // matter (the full density, 100).
+  if (t >= 255 && wrap_mul(density, n) / 100 == n) {
+    std::memset(out, 1, static_cast<size_t>(n));
+    return;
+  }
 
   int32_t count = 0;
   for (int32_t p = 0; p < n; p += 8) {
