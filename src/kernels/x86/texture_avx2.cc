@@ -123,6 +123,9 @@ void texture_rows_avx2(const TextureRows* rows) {
   for (int32_t x = 0; x < w; ++x) columns[x] = 0;
   for (int32_t y = y0; y < y1; ++y) move_columns(columns, nullptr, src + y * stride, w);
 
+  // Divisors of every window size that the columns near the ends see.
+  SmallDivisor16 window_div[kMaxSmallDivisor16 + 1];
+  for (uint32_t n = 2; n <= static_cast<uint32_t>(2 * r + 1); ++n) window_div[n] = small_divisor16(n);
   const uint32_t full = static_cast<uint32_t>(2 * r + 1);
   const SmallDivisor16 hdiv = small_divisor16(full);
   const __m256i h_mul = _mm256_set1_epi16(static_cast<int16_t>(hdiv.mul));
@@ -157,7 +160,7 @@ void texture_rows_avx2(const TextureRows* rows) {
       const int32_t e = x + r < w - 1 ? x + r : w - 1;
       const uint32_t n_h = static_cast<uint32_t>(e - s + 1);
       const uint32_t sum = static_cast<uint16_t>(prefix[e + 1] - prefix[s]);
-      const uint32_t mh = (sum + n_h / 2) / n_h;
+      const uint32_t mh = n_h == 1 ? sum : small_divide16(sum + n_h / 2, window_div[n_h]);
       const uint32_t mv = small_divide16(columns[x] + nv / 2, vdiv);
       out[x] = texture_value(mh, mv, row[x]);
     };
