@@ -1,11 +1,12 @@
 // Embedding of a run of superpixels with AVX2.
 //
-// The run is done one pixel row at a time across all of its superpixels:
-// first every superpixel writes its part of two work rows (the signed
-// amplitude of each pixel after the attenuation table, and in perceptual
-// mode the random byte that pixel takes), then one vector pass adds the
-// changes to the luma row. Rows in which no pattern has a non-zero byte are
-// skipped.
+// Every superpixel first writes its part of two work rows per pixel row of
+// the run: the signed amplitude of each pixel after the attenuation table,
+// and in perceptual mode the random byte that pixel takes. Then one vector
+// pass per pixel row adds the changes to the luma row across the whole run.
+// Rows in which no pattern has a non-zero byte are skipped. Patterns
+// prepared once per frame (embed_band_prepare_avx2) bring their amplitude
+// rows for both signs and their random-byte shuffles ready-made.
 //
 // The random bytes of a superpixel are the output bytes of its own noise
 // generator, consumed in pixel order by the non-zero pattern bytes only. The
@@ -19,7 +20,6 @@
 // wrapping 32-bit arithmetic.
 #include <immintrin.h>
 
-#include <array>
 #include <cstddef>
 #include <cstring>
 
