@@ -3,8 +3,9 @@
 #   cat clip | lumamark ... | cat > /dev/null
 # against the same pipeline with cat in the middle, measured in the same run.
 #
-# Usage: scripts/bench_pipeline.sh [--build DIR] [--dir DIR] [--reps N]
-#                                  [--frames-1080 N] [--frames-2160 N] [--quick]
+# Usage: scripts/bench_pipeline.sh [--build DIR] [--lumamark PATH] [--dir DIR]
+#                                  [--reps N] [--frames-1080 N] [--frames-2160 N]
+#                                  [--quick]
 #
 # Generates a 1080p and a 2160p yuv420p clip with lumamark-sample (kept in
 # --dir between runs), then times every setting --reps times, interleaved
@@ -13,11 +14,13 @@
 #   pipeline, CPU milliseconds per frame of the lumamark process (user +
 #   system) and its peak resident set size.
 # Settings: perceptual modes 0 to 3, deep-fake, FEC 0 and 2, each with
-# --threads 1 and --threads 0.
+# --threads 1 and --threads 0. --lumamark times another binary (an older
+# build, say) with the same clips and a baseline of its own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=build
+lumamark=
 dir=${TMPDIR:-/tmp}/lumamark-bench
 reps=5
 frames_1080=120
@@ -25,19 +28,20 @@ frames_2160=30
 while [ $# -gt 0 ]; do
   case "$1" in
     --build) build=$2; shift 2 ;;
+    --lumamark) lumamark=$2; shift 2 ;;
     --dir) dir=$2; shift 2 ;;
     --reps) reps=$2; shift 2 ;;
     --frames-1080) frames_1080=$2; shift 2 ;;
     --frames-2160) frames_2160=$2; shift 2 ;;
     --quick) reps=3; frames_1080=30; frames_2160=8; shift ;;
-    -h|--help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "unknown option: $1" >&2; exit 2 ;;
   esac
 done
 
 . scripts/deps.sh
 ensure_packages /usr/bin/time:time
-lumamark=$build/lumamark
+lumamark=${lumamark:-$build/lumamark}
 sample=$build/lumamark-sample
 if [ ! -x "$lumamark" ] || [ ! -x "$sample" ]; then
   echo "build lumamark and lumamark-sample first (ninja -C $build lumamark lumamark-sample)" >&2
