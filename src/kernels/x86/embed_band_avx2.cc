@@ -44,8 +44,10 @@ struct PreparedHeader {
   int32_t sp_h;       // pattern height
   int32_t chunks;     // blocks of eight columns per row
   int32_t count;      // patterns
-  int32_t identity;   // 1: identity table (modes 0, 3), 0: amplitude 1 (other modes)
-  int32_t reserved[11];
+  int32_t kind;       // table: 0 amplitude 1 (modes 1, ...), 1 identity (modes 0, 3),
+                      // 2 one set per border-analysis band (mode 2)
+  int32_t variants;   // sets of entries: 1, or 6 for kind 2
+  int32_t reserved[10];
 };
 static_assert(sizeof(PreparedHeader) == 64, "header keeps the entries aligned");
 
@@ -58,7 +60,7 @@ struct PreparedEntry {
 static_assert(sizeof(PreparedEntry) == 64, "entries are one cache line");
 
 // Prepared data is kept only while it stays small next to the frame.
-constexpr int64_t kMaxPrepared = 512 * 1024;
+constexpr int64_t kMaxPrepared = 1024 * 1024;
 
 inline int32_t resolve_border(int32_t setting, int32_t size) {
   return setting >= 1 ? setting : imax(size / 8, 1);
@@ -100,10 +102,10 @@ struct BorderTables {
     }
   }
 
-  __m128i at(int32_t m) const {
-    const int band = m < 1000 ? 0 : (m >= 5000 ? 5 : m / 1000);
-    return _mm_load_si128(reinterpret_cast<const __m128i*>(bytes[band]));
-  }
+  // 0 below 1000, 1..4 for the thousands up to 4999, 5 from 5000 on.
+  static int band_of(int32_t m) { return m < 1000 ? 0 : (m >= 5000 ? 5 : m / 1000); }
+
+  __m128i at(int band) const { return _mm_load_si128(reinterpret_cast<const __m128i*>(bytes[band])); }
 };
 
 const BorderTables kBorderTables;
@@ -121,10 +123,12 @@ inline uint8_t* align64(uint8_t* p) {
 }
 
 // Border analysis of every embedded superpixel of the run, before any
-// change: tables[i] is the attenuated amplitude of pattern bytes 0..15.
+// change: bands[i] is the band of its smallest strip deviation and tables[i]
+// the attenuated amplitude of pattern bytes 0..15 for that band.
 // Column sums (and sums of squares) over the top strip's rows, the rows
 // above the bottom strip and all rows are summed over each strip's columns.
-void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, uint32_t* sums) {
+void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t bw, int32_t bh,
+                   uint32_t* sums) {
   const int32_t sp_w = b->sp_w;
   const int32_t sp_h = b->sp_h;
   const int32_t n = b->count * sp_w;
@@ -142,7 +146,36 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
   const int32_t top_rows = 2 * bh;
   const int32_t upper_rows = sp_h - 2 * bh;
 
+  // Thirty-two columns at a time, down all rows: one 32-byte load per row.
   int32_t x = 0;
+  for (; x + 32 <= n; x += 32) {
+    __m256i s1[4], s2[4];
+    for (int k = 0; k < 4; ++k) s1[k] = s2[k] = _mm256_setzero_si256();
+    auto store = [&](uint32_t* sums1, uint32_t* sums2) {
+      for (int k = 0; k < 4; ++k) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(sums1 + x + 8 * k), s1[k]);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(sums2 + x + 8 * k), s2[k]);
+      }
+    };
+    const uint8_t* p = base + x;
+    for (int32_t r = 0; r < sp_h; ++r, p += stride) {
+      if (r == top_rows) store(top1, top2);
+      if (r == upper_rows) store(upper1, upper2);
+      const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+      const __m128i lo = _mm256_castsi256_si128(bytes);
+      const __m128i hi = _mm256_extracti128_si256(bytes, 1);
+      const __m256i v[4] = {_mm256_cvtepu8_epi32(lo), _mm256_cvtepu8_epi32(_mm_srli_si128(lo, 8)),
+                            _mm256_cvtepu8_epi32(hi), _mm256_cvtepu8_epi32(_mm_srli_si128(hi, 8))};
+      for (int k = 0; k < 4; ++k) {
+        s1[k] = _mm256_add_epi32(s1[k], v[k]);
+        // Each 32-bit lane is (sample, 0) as two 16-bit halves: the
+        // pairwise product sum is the square.
+        s2[k] = _mm256_add_epi32(s2[k], _mm256_madd_epi16(v[k], v[k]));
+      }
+    }
+    if (top_rows == sp_h) store(top1, top2);
+    store(all1, all2);
+  }
   for (; x + 8 <= n; x += 8) {
     __m256i s1 = _mm256_setzero_si256();
     __m256i s2 = _mm256_setzero_si256();
@@ -158,8 +191,6 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
       }
       const __m256i v = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
       s1 = _mm256_add_epi32(s1, v);
-      // Each 32-bit lane is (sample, 0) as two 16-bit halves: the pairwise
-      // product sum is the square.
       s2 = _mm256_add_epi32(s2, _mm256_madd_epi16(v, v));
     }
     if (top_rows == sp_h) {
@@ -194,7 +225,7 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
     const int32_t bottom = strip_ssd(strip[1], strip[5], wide, by_wide);
     const int32_t left = strip_ssd(strip[2], strip[6], tall, by_tall);
     const int32_t right = strip_ssd(strip[3], strip[7], tall, by_tall);
-    return kBorderTables.at(imin(imin(top, bottom), imin(left, right)));
+    return BorderTables::band_of(imin(imin(top, bottom), imin(left, right)));
   };
 
   if (sp_w <= 8) {
@@ -224,7 +255,8 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
       const __m256i sums4 = _mm256_add_epi32(_mm256_permute2x128_si256(p, q, 0x20),
                                              _mm256_permute2x128_si256(p, q, 0x31));
       _mm256_store_si256(reinterpret_cast<__m256i*>(strip), sums4);
-      tables[i] = table_of(strip);
+      bands[i] = static_cast<uint8_t>(table_of(strip));
+      tables[i] = kBorderTables.at(bands[i]);
     }
     return;
   }
@@ -245,7 +277,8 @@ void border_tables(const EmbedBand* b, __m128i* tables, int32_t bw, int32_t bh, 
       strip[3] += all1[x0 + sp_w - 2 * bw + c];
       strip[7] += all2[x0 + sp_w - 2 * bw + c];
     }
-    tables[i] = table_of(strip);
+    bands[i] = static_cast<uint8_t>(table_of(strip));
+    tables[i] = kBorderTables.at(bands[i]);
   }
 }
 
@@ -363,6 +396,7 @@ struct BuildRows {
   uint8_t* rnd[kMaxSide];            // random-byte row of each used row
   __m128i table;                     // shared attenuation table
   const __m128i* tables;             // per-superpixel tables, or null
+  const uint8_t* bands;              // per-superpixel prepared set (border bands), or null
   const uint8_t* bytes;              // random bytes, superpixel i at bytes + i * slot
   int32_t slot;
   const PreparedEntry* prepared;     // entries of the prepared patterns, or null
@@ -399,8 +433,9 @@ void build_rows(const BuildRows& b) {
     const uint8_t* bytes = b.bytes + static_cast<ptrdiff_t>(i) * b.slot;
     if (b.prepared != nullptr && item.id >= 0 && item.id < b.prepared_count) {
       // Everything but the random bytes themselves is known per pattern.
+      const int32_t set = b.bands != nullptr ? b.bands[i] : 0;
       const PreparedEntry* entries =
-          b.prepared + static_cast<ptrdiff_t>(item.id) * b.chunks * b.sp_h;
+          b.prepared + (static_cast<ptrdiff_t>(set) * b.prepared_count + item.id) * b.chunks * b.sp_h;
       const int32_t which = item.value < 0 ? 1 : 0;
       for (int32_t u = 0; u < b.used_count; ++u) {
         const PreparedEntry* e = entries + b.row[u] * b.chunks;
@@ -485,6 +520,7 @@ void embed_band_avx2(const EmbedBand* b) {
   uint8_t* rnd = p;
   p = align64(p + static_cast<size_t>(count + 8) * slot);
   __m128i* tables = reinterpret_cast<__m128i*>(p);
+  uint8_t* bands = p + static_cast<size_t>(count) * sizeof(__m128i);
   p = align64(p + static_cast<size_t>(count) * 64);
   uint32_t* sums = reinterpret_cast<uint32_t*>(p);
 
@@ -512,7 +548,7 @@ void embed_band_avx2(const EmbedBand* b) {
     for (int32_t i = 1; i < 8; ++i) small[i] = 1;
   }
   const __m128i shared_table = make_table(small);
-  if (analyse) border_tables(b, tables, bw, bh, sums);
+  if (analyse) border_tables(b, tables, bands, bw, bh, sums);
   if (perceptual) random_bytes(b, rnd, slot);
 
   BuildRows rows{};
@@ -535,11 +571,14 @@ void embed_band_avx2(const EmbedBand* b) {
   rows.sp_h = sp_h;
   rows.prepared = nullptr;
   rows.prepared_count = 0;
-  if (b->prepared != nullptr && !analyse) {
+  rows.bands = nullptr;
+  if (b->prepared != nullptr) {
     const PreparedHeader* h = reinterpret_cast<const PreparedHeader*>(b->prepared);
-    if (h->sp_w == sp_w && h->sp_h == sp_h && h->identity == (identity ? 1 : 0)) {
+    const int32_t kind = analyse ? 2 : (identity ? 1 : 0);
+    if (h->sp_w == sp_w && h->sp_h == sp_h && h->kind == kind) {
       rows.prepared = reinterpret_cast<const PreparedEntry*>(b->prepared + sizeof(PreparedHeader));
       rows.prepared_count = h->count;
+      if (analyse) rows.bands = bands;
     }
   }
   if (identity) {
@@ -566,46 +605,55 @@ void embed_band_avx2(const EmbedBand* b) {
 
 int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_t sp_w,
                                 int32_t sp_h, int32_t pm_mode, uint8_t* out) {
-  // Border analysis gives every superpixel its own table: nothing to share.
-  if (pm_mode == 2 || count < 1 || sp_w < 1 || sp_h < 1 || sp_w > kMaxSide || sp_h > kMaxSide) {
-    return 0;
-  }
+  if (count < 1 || sp_w < 1 || sp_h < 1 || sp_w > kMaxSide || sp_h > kMaxSide) return 0;
+  // Border analysis gives every superpixel one of six tables: one set of
+  // entries per table.
+  const int32_t kind = pm_mode == 2 ? 2 : (pm_mode == 0 || pm_mode == 3 ? 1 : 0);
+  const int32_t variants = kind == 2 ? 6 : 1;
   const int32_t chunks = (sp_w + 7) / 8;
   const int64_t bytes = static_cast<int64_t>(sizeof(PreparedHeader)) +
-                        static_cast<int64_t>(count) * chunks * sp_h * static_cast<int64_t>(sizeof(PreparedEntry));
+                        static_cast<int64_t>(variants) * count * chunks * sp_h *
+                            static_cast<int64_t>(sizeof(PreparedEntry));
   if (bytes > kMaxPrepared) return 0;
   if (out == nullptr) return bytes;
 
-  const bool identity = pm_mode == 0 || pm_mode == 3;
   PreparedHeader* h = reinterpret_cast<PreparedHeader*>(out);
   *h = PreparedHeader{};
   h->sp_w = sp_w;
   h->sp_h = sp_h;
   h->chunks = chunks;
   h->count = count;
-  h->identity = identity ? 1 : 0;
+  h->kind = kind;
+  h->variants = variants;
   PreparedEntry* entries = reinterpret_cast<PreparedEntry*>(out + sizeof(PreparedHeader));
-  for (int32_t i = 0; i < count; ++i) {
-    const int8_t* pattern = patterns[i].pattern;
-    PreparedEntry* mine = entries + static_cast<ptrdiff_t>(i) * chunks * sp_h;
-    int32_t rank = 0;
-    for (int32_t r = 0; r < sp_h; ++r) {
-      for (int32_t c = 0, k = 0; c < sp_w; c += 8, ++k) {
-        PreparedEntry& e = mine[r * chunks + k];
-        e = PreparedEntry{};
-        e.rank = rank;
-        int32_t taken = 0;
-        for (int32_t j = 0; j < 8; ++j) {
-          const bool inside = c + j < sp_w;
-          const int32_t p = inside && pattern != nullptr ? pattern[r * sp_w + c + j] : 0;
-          // The same amplitude as the table lookup in build_rows.
-          const int32_t a = p >= 1 && p <= 7 && !identity ? 1 : p;
-          e.amp[0][j] = static_cast<int16_t>(inside ? a : 0);
-          e.amp[1][j] = static_cast<int16_t>(inside ? -a : 0);
-          e.shuffle[j] = p != 0 ? static_cast<uint8_t>(taken++) : 0x80;
-          e.shuffle[8 + j] = 0x80;
+  for (int32_t set = 0; set < variants; ++set) {
+    for (int32_t i = 0; i < count; ++i) {
+      // The amplitude of pattern bytes 0..7 under this set's table (the
+      // bytes 8..15 and all others keep their value).
+      const uint8_t* table = kind == 2 ? kBorderTables.bytes[set] : nullptr;
+      const int8_t* pattern = patterns[i].pattern;
+      PreparedEntry* mine = entries + (static_cast<ptrdiff_t>(set) * count + i) * chunks * sp_h;
+      int32_t rank = 0;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        for (int32_t c = 0, k = 0; c < sp_w; c += 8, ++k) {
+          PreparedEntry& e = mine[r * chunks + k];
+          e = PreparedEntry{};
+          e.rank = rank;
+          int32_t taken = 0;
+          for (int32_t j = 0; j < 8; ++j) {
+            const bool inside = c + j < sp_w;
+            const int32_t p = inside && pattern != nullptr ? pattern[r * sp_w + c + j] : 0;
+            // The same amplitude as the table lookup in build_rows.
+            int32_t a = p;
+            if (kind == 0 && p >= 1 && p <= 7) a = 1;
+            if (kind == 2 && p >= 0 && p <= 7) a = table[p];
+            e.amp[0][j] = static_cast<int16_t>(inside ? a : 0);
+            e.amp[1][j] = static_cast<int16_t>(inside ? -a : 0);
+            e.shuffle[j] = p != 0 ? static_cast<uint8_t>(taken++) : 0x80;
+            e.shuffle[8 + j] = 0x80;
+          }
+          rank += taken;
         }
-        rank += taken;
       }
     }
   }
