@@ -38,15 +38,8 @@ std::vector<uint8_t> selection_for_seed(const Detector& d, int32_t seed) {
   std::vector<uint8_t> mask(static_cast<size_t>(total), 0);
   selection_mask(mask.data(), d.reps, L, d.config.sp_density, seed);
   std::vector<uint8_t> sel(static_cast<size_t>(total), 0);
-  for (int32_t j = 0; j < d.reps; ++j) {
-    for (int32_t k = 0; k < L; ++k) {
-      int64_t at = k;
-      if (!d.indexes.empty()) {
-        at = static_cast<int64_t>(d.indexes[static_cast<size_t>((j & 15) * L + k)]) * d.reps + j;
-      }
-      sel[static_cast<size_t>(j) * L + k] = at < total && mask[static_cast<size_t>(at)] == 1;
-    }
-  }
+  selection_spread(sel.data(), mask.data(), d.indexes.empty() ? nullptr : d.indexes.data(), total,
+                   L, d.reps);
   return sel;
 }
 

@@ -121,33 +121,6 @@ void scan_frame(const WatermarkFilter* f, const uint8_t* luma, int32_t stride, b
   std::free(needed);
 }
 
-// Spreads the mask over the repetitions of the coded payload: repetition j,
-// symbol k goes to superpixel j * L + k. With an index table (parity mode)
-// symbol k of repetition j takes the mask byte of the coded symbol that the
-// table's row j mod 16 names; otherwise every repetition copies the mask's
-// first L bytes. Superpixels past the last whole repetition stay unselected.
-void spread_mask(uint8_t* selection, const uint8_t* mask, const uint8_t* indexes, int32_t total,
-                 int32_t length, int32_t reps) {
-  const int64_t used = static_cast<int64_t>(length) * reps;
-  for (int32_t j = 0; j < reps; ++j) {
-    uint8_t* dst = selection + static_cast<int64_t>(j) * length;
-    if (indexes == nullptr) {
-      std::memcpy(dst, mask, static_cast<size_t>(length));
-      continue;
-    }
-    const uint8_t* row = indexes + static_cast<int64_t>(j & 15) * length;
-    for (int32_t k = 0; k < length; ++k) {
-      const int64_t at = static_cast<int64_t>(row[k]) * reps + j;
-      // A table entry naming no symbol (only possible with a foreign table)
-      // reads as unselected.
-      dst[k] = at < total ? mask[at] : 0;
-    }
-  }
-  if (total > used) {
-    std::memset(selection + used, 0, static_cast<size_t>(total - used));
-  }
-}
-
 }  // namespace
 
 int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_t height,
@@ -207,7 +180,7 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
   // coded length below 1).
   const int32_t reps = length >= 1 ? total / length : 0;
   selection_mask(mask, reps, length >= 1 ? length : 0, f->sp_density, s);
-  spread_mask(selection, mask, f->indexes, total, length >= 1 ? length : 0, reps);
+  selection_spread(selection, mask, f->indexes, total, length >= 1 ? length : 0, reps);
   std::free(mask);
 
   embed_frame(luma, f->width, f->height, stride, f->p_density, f->strength, f->deep_fake, f->map,

@@ -66,4 +66,31 @@ void selection_block(uint8_t* out, int32_t n, int32_t density, int32_t seed) {
   }
 }
 
+// Spreads the mask over the repetitions of the coded payload: repetition j,
+// symbol k goes to superpixel j * L + k. With an index table (parity mode)
+// symbol k of repetition j takes the mask byte of the coded symbol that the
+// table's row j mod 16 names; otherwise every repetition copies the mask's
+// first L bytes. Superpixels past the last whole repetition stay unselected.
+void selection_spread(uint8_t* selection, const uint8_t* mask, const uint8_t* indexes, int32_t total,
+                 int32_t length, int32_t reps) {
+  const int64_t used = static_cast<int64_t>(length) * reps;
+  for (int32_t j = 0; j < reps; ++j) {
+    uint8_t* dst = selection + static_cast<int64_t>(j) * length;
+    if (indexes == nullptr) {
+      std::memcpy(dst, mask, static_cast<size_t>(length));
+      continue;
+    }
+    const uint8_t* row = indexes + static_cast<int64_t>(j & 15) * length;
+    for (int32_t k = 0; k < length; ++k) {
+      const int64_t at = static_cast<int64_t>(row[k]) * reps + j;
+      // A table entry naming no symbol (only possible with a foreign table)
+      // reads as unselected.
+      dst[k] = at < total ? mask[at] : 0;
+    }
+  }
+  if (total > used) {
+    std::memset(selection + used, 0, static_cast<size_t>(total - used));
+  }
+}
+
 }  // namespace lumamark
