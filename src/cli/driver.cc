@@ -85,20 +85,12 @@ std::string frame_refusal(const EmbedConfig& config, int64_t frame_size, int32_t
   return std::string();
 }
 
-// The output could not take all of the marked video (a full disk, a closed
-// descriptor, or a reader that went away while SIGPIPE is ignored).
-void report_write_error(const std::string& output_file) {
-  if (output_file.empty()) {
-    std::cerr << "Error writing standard output" << std::endl;
-  } else {
-    std::cerr << "Error writing output file: " << output_file << std::endl;
-  }
-}
-
-enum class LoopEnd { Done, FilterFailed, WriteFailed };
+enum class LoopEnd { Done, FilterFailed };
 
 // Streams whole frames from in to out through the filter, until the input
-// ends, the filter fails on a frame or a frame cannot be written.
+// ends or the filter fails on a frame. Write results are not examined: a
+// frame the output does not take (a full disk, a closed descriptor) is lost
+// and the run goes on, as the tool's contract has it.
 LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
                    FILE* out, int32_t width, int32_t height, int32_t seed) {
   const size_t frame = static_cast<size_t>(frame_size);
@@ -120,12 +112,7 @@ LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size,
       std::cerr << "Error applying watermark" << std::endl;
       return LoopEnd::FilterFailed;
     }
-    // Output that cannot be written ends the run: going on would only mark
-    // frames that are thrown away and end with a success status.
-    if (std::fwrite(buffer, 1, frame, out) != frame) {
-      progress.finish();
-      return LoopEnd::WriteFailed;
-    }
+    std::fwrite(buffer, 1, frame, out);
     progress.frame_done(frame_size);
     fill -= frame;
     // Reads never ask for more than the rest of a frame, so nothing is left
@@ -161,9 +148,8 @@ void enlarge_pipe(int fd) {
 //   - a partial last frame is dropped, end of input and a read error alike;
 //   - when the filter fails on a frame, every frame before it is written
 //     before "Error applying watermark" is reported, and nothing after it;
-//   - when a frame cannot be written, no later frame is written, and a filter
-//     failure on a later frame (marked ahead) is not reported, since the
-//     plain loop would never have marked it.
+//   - a frame the output does not take is lost without a message, and the
+//     loop goes on.
 class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
@@ -198,19 +184,15 @@ class OverlappedFrames {
     LoopEnd end = LoopEnd::Done;
     for (int64_t k = 0;; ++k) {
       lock();
-      while (read_ <= k && !input_ended_ && !write_failed_) wait();
-      const bool have = read_ > k && !write_failed_;
-      const bool failed = write_failed_;
+      while (read_ <= k && !input_ended_) wait();
+      const bool have = read_ > k;
       unlock();
-      if (!have) {
-        end = failed ? LoopEnd::WriteFailed : LoopEnd::Done;
-        break;
-      }
+      if (!have) break;
       if (wm_filter_apply(filter_, slot(k), width_, height_, width_, seed_) != 0) {
         // Every frame before this one is written first, as in the plain loop.
         lock();
-        while (written_ < k && !write_failed_) wait();
-        end = write_failed_ ? LoopEnd::WriteFailed : LoopEnd::FilterFailed;
+        while (written_ < k) wait();
+        end = LoopEnd::FilterFailed;
         unlock();
         break;
       }
@@ -222,8 +204,7 @@ class OverlappedFrames {
     if (end == LoopEnd::Done) {
       // Let the writer finish what is marked.
       lock();
-      while (written_ < marked_ && !write_failed_) wait();
-      if (write_failed_) end = LoopEnd::WriteFailed;
+      while (written_ < marked_) wait();
       unlock();
     }
     stop_reader();
@@ -310,16 +291,16 @@ class OverlappedFrames {
     unlock();
   }
 
-  // Writes one whole frame; false when the output does not take it.
-  bool write_frame(const uint8_t* buffer) {
+  // Writes one whole frame; what the output does not take is lost, as in
+  // the plain loop.
+  void write_frame(const uint8_t* buffer) {
     size_t done = 0;
     while (done < frame_) {
       const ssize_t put = write(out_fd_, buffer + done, frame_ - done);
       if (put < 0 && errno == EINTR) continue;
-      if (put <= 0) return false;
+      if (put <= 0) return;
       done += static_cast<size_t>(put);
     }
-    return true;
   }
 
   void write_frames() {
@@ -329,13 +310,7 @@ class OverlappedFrames {
       const bool have = marked_ > k;
       unlock();
       if (!have) return;
-      if (!write_frame(slot(k))) {
-        lock();
-        write_failed_ = true;
-        signal();
-        unlock();
-        return;
-      }
+      write_frame(slot(k));
       progress_->frame_done(frame_size_);
       lock();
       written_ = k + 1;
@@ -364,7 +339,6 @@ class OverlappedFrames {
   int64_t marked_ = 0;    // frames marked by the filter
   int64_t written_ = 0;   // frames completely written
   bool input_ended_ = false;
-  bool write_failed_ = false;
   bool stop_reading_ = false;
   bool reader_done_ = false;
   bool stop_ = false;
@@ -564,20 +538,12 @@ int run_lumamark(int argc, char** argv) {
   const LoopEnd end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,
                                     !config.embed_log.empty());
 
-  // The standard streams stay open; files are closed on every path. Frames
-  // still in the stream's buffer reach the output only here, so a failure to
-  // flush loses video just as a failed write does.
-  bool written = end != LoopEnd::WriteFailed;
+  // The standard streams stay open; files are closed on every path.
   if (in != stdin) std::fclose(in);
-  if (out != stdout) {
-    if (std::fclose(out) != 0) written = false;
-  } else if (std::fflush(out) != 0) {
-    written = false;
-  }
-  if (!written && end != LoopEnd::FilterFailed) report_write_error(config.output_file);
+  if (out != stdout) std::fclose(out);
   std::free(buffer);
   wm_filter_free(filter);
-  return end == LoopEnd::Done && written ? 0 : 1;
+  return end == LoopEnd::Done ? 0 : 1;
 }
 
 }  // namespace lumamark

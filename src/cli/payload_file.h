@@ -24,8 +24,8 @@ struct PayloadData {
 bool read_payload_file(const std::string& path, int32_t fec, int32_t spb_width, PayloadData* out);
 
 // Writes a payload file; count is bits in FEC mode 2, encoded_bit_count in
-// mode 0. Returns false (after writing the message) when it cannot be opened
-// or not be written whole.
+// mode 0. Returns false (after writing the message) when it cannot be opened;
+// write errors are not examined.
 bool write_payload_file(const std::string& path, const PayloadData& data, int32_t fec);
 
 }  // namespace lumamark

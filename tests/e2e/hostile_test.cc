@@ -282,35 +282,33 @@ TEST(HostileOutput, ReaderThatGoesAwayEndsTheRun) {
     EXPECT_EQ(read_file(dir.file("err")), "") << g.width;
     EXPECT_EQ(read_file(dir.file("head")), full.out.substr(0, 1000)) << g.width;
 
-    // With SIGPIPE ignored the failed write is reported.
+    // With SIGPIPE ignored, write results are not examined: the run reads
+    // its whole input and ends with status 0, and the reader keeps its prefix.
     ASSERT_TRUE(run_shell("trap '' PIPE; " + pipeline).exited(0));
-    EXPECT_EQ(read_file(dir.file("status")), "1\n") << g.width;
-    EXPECT_EQ(read_file(dir.file("err")), "Error writing standard output\n") << g.width;
+    EXPECT_EQ(read_file(dir.file("status")), "0\n") << g.width;
+    EXPECT_EQ(read_file(dir.file("err")), "") << g.width;
     EXPECT_EQ(read_file(dir.file("head")), full.out.substr(0, 1000)) << g.width;
   }
 }
 
-TEST(HostileOutput, FullDeviceIsAWriteError) {
+// Write results are not examined: a full device loses the video silently,
+// and the status reports only what the tool itself did.
+TEST(HostileOutput, FullDeviceIsNotExamined) {
   if (!file_exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
   for (const Geometry& g : kGeometries) {
     TempDir dir;
     const std::string in = dir.file("in.yuv");
     write_file(in, random_bytes(3 * g.frame, 5));
-
-    RunResult r = run_tool(sized(g, {"--input-file", in, "--output-file", "/dev/full"}));
-    expect_refused(r, "Error writing output file: /dev/full\n", g.width);
-
     const std::string command = shell_words(sized(g, {"--input-file", in}));
-    r = run_shell(command + " >/dev/full");
-    expect_refused(r, "Error writing standard output\n", g.width);
-
-    // Nothing to write, nothing lost.
-    r = run_tool(sized(g, {"--output-file", "/dev/full"}), std::string());
-    EXPECT_TRUE(r.exited(0)) << g.width;
-    EXPECT_EQ(r.out + r.err, "") << g.width;
+    for (const std::string& c : {command + " --output-file /dev/full", command + " >/dev/full"}) {
+      const RunResult r = run_shell(c);
+      EXPECT_TRUE(r.exited(0)) << c;
+      EXPECT_EQ(r.out + r.err, "") << c;
+    }
   }
   const RunResult r = run_tool(with(kSmall, {"--wm-id", "1F", "--payload-file", "/dev/full"}));
-  expect_refused(r, "Error writing payload file: /dev/full\n", "payload file");
+  EXPECT_TRUE(r.exited(0));
+  EXPECT_EQ(r.out + r.err, "");
 }
 
 TEST(HostileLog, UnwritableLogPathIsIgnored) {
