@@ -1,4 +1,4 @@
-// Small helpers shared by the filter tests.
+// Helpers shared by the filter tests: temporary files and a busy picture.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,17 +22,16 @@ inline std::string read_file(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// A deterministic busy picture: smooth gradients plus a hashed texture.
+// Smooth gradients plus a hashed texture of 48 levels.
 inline std::vector<uint8_t> textured_plane(int32_t width, int32_t height, uint32_t salt) {
   std::vector<uint8_t> plane(static_cast<size_t>(width) * height);
   for (int32_t y = 0; y < height; ++y) {
     for (int32_t x = 0; x < width; ++x) {
       uint32_t h = static_cast<uint32_t>(x) * 73856093u ^ static_cast<uint32_t>(y) * 19349663u ^ salt;
-      h ^= h >> 13;
-      h *= 0x5bd1e995u;
+      h = (h ^ (h >> 13)) * 0x5bd1e995u;
       h ^= h >> 15;
-      const int32_t base = 40 + (x * 120) / width + (y * 60) / height;
-      plane[static_cast<size_t>(y) * width + x] = static_cast<uint8_t>(base + (h % 48));
+      plane[static_cast<size_t>(y) * width + x] =
+          static_cast<uint8_t>(40 + (x * 120) / width + (y * 60) / height + h % 48);
     }
   }
   return plane;
