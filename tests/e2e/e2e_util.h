@@ -1,15 +1,14 @@
-// Helpers for tests that run the built tool as a separate process: run it
-// with arguments and optional standard-input bytes, capture both output
-// streams and how it ended, and manage temporary files.
+// Helpers for tests that run the built tools as separate processes: run one
+// with arguments and standard-input bytes, capture both output streams and
+// how it ended; temporary files; raw test bytes and payload-file headers.
 #pragma once
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -22,137 +21,132 @@
 #include <thread>
 #include <vector>
 
-#ifndef LUMAMARK_BIN
-#error "LUMAMARK_BIN must name the built tool"
-#endif
-
 namespace lumamark::test {
+
+using Args = std::vector<std::string>;
+
+inline Args cat(Args a, const Args& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
 
 // How a child process ended and what it wrote.
 struct RunResult {
-  int status = -1;   // exit status when it exited normally, else -1
-  int signal = 0;    // terminating signal, else 0
-  std::string out;   // everything written to standard output
-  std::string err;   // everything written to standard error
-
+  int status = -1;  // exit status when it exited normally, else -1
+  int signal = 0;   // terminating signal, else 0
+  std::string out;  // standard output
+  std::string err;  // standard error
   bool exited(int code) const { return signal == 0 && status == code; }
-  bool killed_by(int sig) const { return signal == sig; }
 };
 
-// Standard-input delivery. With piece 0 the input is written in one go;
-// otherwise in pieces of that many bytes with delay between them, as a slow
-// pipe would deliver it. Standard input is closed after the last byte.
+// Standard input: all at once (piece 0), or in pieces of that many bytes
+// with a pause after each, as a slow pipe delivers it; closed after the end.
 struct InputPlan {
-  std::string data;                               // bytes for standard input
-  size_t piece = 0;                               // bytes per write; 0 = all at once
-  std::chrono::microseconds delay{0};             // pause after each piece
+  std::string data;                    // bytes for standard input
+  size_t piece = 0;                    // bytes per write; 0 = all at once
+  std::chrono::microseconds delay{0};  // pause after each piece
 };
 
 namespace detail {
-
-inline void write_all(int fd, const std::string& data, size_t piece,
-                      std::chrono::microseconds delay) {
-  size_t pos = 0;
-  const size_t step = piece == 0 ? data.size() : piece;
-  while (pos < data.size()) {
-    const size_t end = std::min(data.size(), pos + step);
-    while (pos < end) {
-      const ssize_t n = ::write(fd, data.data() + pos, end - pos);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        return;  // the child closed its input (EPIPE); stop feeding it
-      }
-      pos += static_cast<size_t>(n);
-    }
-    if (piece != 0 && delay.count() > 0) std::this_thread::sleep_for(delay);
+inline void drain(int fd, std::string* sink) {
+  char buf[65536];
+  for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) != 0;) {
+    if (n > 0) sink->append(buf, static_cast<size_t>(n));
+    else if (errno != EINTR) break;
   }
+  ::close(fd);
 }
-
 }  // namespace detail
 
-// Runs program with args (argv[0] is program itself) and waits for it.
-inline RunResult run_program(const std::string& program, const std::vector<std::string>& args,
-                             const InputPlan& input = {}) {
-  // A child that stops reading early must not kill the test with SIGPIPE.
-  ::signal(SIGPIPE, SIG_IGN);
-  int in_pipe[2], out_pipe[2], err_pipe[2];
-  if (::pipe2(in_pipe, O_CLOEXEC) != 0 || ::pipe2(out_pipe, O_CLOEXEC) != 0 ||
-      ::pipe2(err_pipe, O_CLOEXEC) != 0) {
+// Runs program with args (argv[0] is program itself) and waits for it. With
+// peak_kib, the peak resident memory of the program's own address space
+// (VmHWM, in KiB) is sampled every millisecond while it runs, once /proc
+// shows its executable (before the exec the child is a copy of this process).
+inline RunResult run_program(const std::string& program, const Args& args, const InputPlan& input = {},
+                             long* peak_kib = nullptr) {
+  ::signal(SIGPIPE, SIG_IGN);  // a child that stops reading must not kill the test
+  int in[2], out[2], err[2];
+  if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe2 failed");
-  }
-  std::vector<std::string> words;
-  words.push_back(program);
-  words.insert(words.end(), args.begin(), args.end());
+  Args words = cat({program}, args);
   std::vector<char*> argv;
   for (std::string& w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
-
   const pid_t pid = ::fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     ::signal(SIGPIPE, SIG_DFL);  // an ignored disposition would survive exec
-    ::dup2(in_pipe[0], 0);
-    ::dup2(out_pipe[1], 1);
-    ::dup2(err_pipe[1], 2);
+    ::dup2(in[0], 0);
+    ::dup2(out[1], 1);
+    ::dup2(err[1], 2);
     ::execv(program.c_str(), argv.data());
     ::_exit(127);
   }
-  ::close(in_pipe[0]);
-  ::close(out_pipe[1]);
-  ::close(err_pipe[1]);
-
-  const int in_fd = in_pipe[1];
-  std::thread writer([&input, in_fd] {
-    detail::write_all(in_fd, input.data, input.piece, input.delay);
-    ::close(in_fd);
-  });
-
-  RunResult result;
-  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open_count = 2;
-  char buf[65536];
-  while (open_count > 0) {
-    if (::poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        ::close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_count;
+  ::close(in[0]);
+  ::close(out[1]);
+  ::close(err[1]);
+  std::thread writer([&input, fd = in[1]] {
+    const size_t step = input.piece == 0 ? input.data.size() : input.piece;
+    for (size_t pos = 0; pos < input.data.size();) {
+      const size_t end = std::min(input.data.size(), pos + step);
+      while (pos < end) {
+        const ssize_t n = ::write(fd, input.data.data() + pos, end - pos);
+        if (n < 0 && errno != EINTR) pos = input.data.size();  // the reader went away
+        if (n > 0) pos += static_cast<size_t>(n);
       }
+      std::this_thread::sleep_for(input.delay);
     }
-  }
+    ::close(fd);
+  });
+  std::atomic<bool> ended{false};
+  std::thread sampler([&] {
+    std::error_code ec;
+    const std::string proc = "/proc/" + std::to_string(pid);
+    const std::filesystem::path exe = std::filesystem::canonical(program, ec);
+    for (; peak_kib && !ended; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+      if (std::filesystem::read_symlink(proc + "/exe", ec) != exe) continue;
+      std::ifstream status(proc + "/status");
+      for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmHWM:", 0) == 0) *peak_kib = std::stol(line.substr(6));
+    }
+  });
+  RunResult result;
+  std::thread err_reader(detail::drain, err[0], &result.err);
+  detail::drain(out[0], &result.out);
+  err_reader.join();
+  ended = true;
+  sampler.join();
   writer.join();
-  int wstatus = 0;
-  while (::waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
+  int ws = 0;
+  while (::waitpid(pid, &ws, 0) < 0 && errno == EINTR) {
   }
-  if (WIFEXITED(wstatus)) result.status = WEXITSTATUS(wstatus);
-  if (WIFSIGNALED(wstatus)) result.signal = WTERMSIG(wstatus);
+  if (WIFEXITED(ws)) result.status = WEXITSTATUS(ws);
+  if (WIFSIGNALED(ws)) result.signal = WTERMSIG(ws);
   return result;
 }
 
-// Runs the tool under test.
-inline RunResult run_tool(const std::vector<std::string>& args, const InputPlan& input = {}) {
+inline RunResult run_tool(const Args& args, const InputPlan& input = {}) {
   return run_program(LUMAMARK_BIN, args, input);
 }
-
-inline RunResult run_tool(const std::vector<std::string>& args, const std::string& stdin_data) {
-  return run_program(LUMAMARK_BIN, args, InputPlan{stdin_data});
+inline RunResult run_tool(const Args& args, const std::string& stdin_data) {
+  return run_tool(args, InputPlan{stdin_data});
 }
 
-// A fresh directory under the system temporary directory, removed with
-// everything in it when the object goes out of scope.
+// The tool's command line, quoted for bash, and a bash script run to its end.
+inline std::string shell_words(const Args& args) {
+  std::string command = std::string("'") + LUMAMARK_BIN + "'";
+  for (const std::string& word : args) command += " '" + word + "'";
+  return command;
+}
+inline RunResult run_shell(const std::string& script) { return run_program("/bin/bash", {"-c", script}); }
+
+// A fresh directory under base (default: the system's temporary directory),
+// removed with its contents at scope end.
 class TempDir {
  public:
-  TempDir() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "lumamark_test_XXXXXX").string();
+  explicit TempDir(const std::string& base = "") {
+    const std::filesystem::path dir = base.empty() ? std::filesystem::temp_directory_path() : std::filesystem::path(base);
+    std::string tmpl = (dir / "lumamark_test_XXXXXX").string();
     if (::mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     path_ = tmpl;
   }
@@ -162,9 +156,7 @@ class TempDir {
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-
   const std::string& path() const { return path_; }
-  // Path of name inside the directory (the file is not created).
   std::string file(const std::string& name) const { return path_ + "/" + name; }
 
  private:
@@ -185,15 +177,30 @@ inline std::string read_file(const std::string& path) {
 
 inline bool file_exists(const std::string& path) { return std::filesystem::exists(path); }
 
-// Deterministic pseudo-random bytes (a simple LCG), e.g. for raw test frames.
+// Deterministic pseudo-random bytes, e.g. for raw frames.
 inline std::string random_bytes(size_t size, uint32_t seed) {
   std::string s(size, '\0');
   uint32_t x = seed * 2654435761u + 1u;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1664525u + 1013904223u;
-    s[i] = static_cast<char>(x >> 24);
-  }
+  for (char& c : s) c = static_cast<char>((x = x * 1664525u + 1013904223u) >> 24);
   return s;
+}
+
+#ifdef LUMAMARK_SAMPLE_BIN
+// A deterministic synthetic clip from the sample generator.
+inline std::string sample_clip(int32_t w, int32_t h, int32_t frames, const std::string& pix_fmt = "yuv420p") {
+  const RunResult r = run_program(LUMAMARK_SAMPLE_BIN, {"--width", std::to_string(w), "--height", std::to_string(h),
+                                                        "--frames", std::to_string(frames), "--pix-fmt", pix_fmt});
+  if (!r.exited(0)) throw std::runtime_error("lumamark-sample failed: " + r.err);
+  return r.out;
+}
+#endif
+
+// Payload-file header: five little-endian 32-bit fields.
+inline std::string header(int32_t w, int32_t h, int32_t sp, int32_t sp2, int32_t count) {
+  std::string out;
+  for (int32_t v : {w, h, sp, sp2, count})
+    for (int k = 0; k < 4; ++k) out.push_back(static_cast<char>(static_cast<uint32_t>(v) >> (8 * k)));
+  return out;
 }
 
 }  // namespace lumamark::test
