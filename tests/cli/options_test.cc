@@ -5,6 +5,7 @@
 
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace lumamark {
@@ -99,30 +100,21 @@ TEST(ParseOptions, ResultsAndMessages) {
 }
 
 TEST(CheckConfig, ThreadsSizeAndBorderInOrder) {
-  auto check = [](int32_t threads, int32_t sp_width, int32_t spb_width) {
-    EmbedConfig c;
-    c.threads = threads, c.sp_width = sp_width, c.spb_width = spb_width;
-    testing::internal::CaptureStderr();
-    const bool ok = check_config(c);
-    const std::string err = testing::internal::GetCapturedStderr();
-    return ok == err.empty() ? (ok ? "passes" : err) : "status and message disagree";
-  };
   const std::string threads = "Error: --threads must be >= 0 (0 = auto-detect)\n";
   const std::string size = "Error: --sp-width must be in [5, 64]\n";
   const std::string border = "SP size and border mismatch, reduce borders\n";
-  EXPECT_EQ(check(1, 7, 0), "passes");
-  EXPECT_EQ(check(0, 7, 0), "passes");
-  EXPECT_EQ(check(-1, 100, 40), threads);
-  EXPECT_EQ(check(0, 100, 40), size);
-  EXPECT_EQ(check(0, 4, 0), size);
-  EXPECT_EQ(check(0, 65, 0), size);
-  EXPECT_EQ(check(0, 64, 32), border);
-  EXPECT_EQ(check(0, 5, 2), "passes");
-  EXPECT_EQ(check(0, 6, 3), border);
-  EXPECT_EQ(check(0, 5, -100), "passes");
-  // Twice the border is formed in wrapping 32-bit arithmetic.
-  EXPECT_EQ(check(0, 64, 1 << 30), "passes");
-  EXPECT_EQ(check(0, 64, (1 << 30) - 1), border);
+  const std::tuple<int32_t, int32_t, int32_t, std::string> cases[] = {
+      {1, 7, 0, ""}, {0, 7, 0, ""}, {-1, 100, 40, threads}, {0, 100, 40, size}, {0, 4, 0, size}, {0, 65, 0, size},
+      {0, 64, 32, border}, {0, 5, 2, ""}, {0, 6, 3, border}, {0, 5, -100, ""},
+      {0, 64, 1 << 30, ""}, {0, 64, (1 << 30) - 1, border},  // twice the border wraps in 32 bits
+  };
+  for (const auto& [t, sp, spb, err] : cases) {
+    EmbedConfig c;
+    c.threads = t, c.sp_width = sp, c.spb_width = spb;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(check_config(c), err.empty()) << t << " " << sp << " " << spb;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), err) << t << " " << sp << " " << spb;
+  }
 }
 
 }  // namespace

@@ -62,20 +62,16 @@ TEST(PayloadFile, RefusalsAndAcceptedOddities) {
       {std::string(19, '\0'), 2, 0, bad_header},
       {header(64, 48, 8, 8, 13).substr(0, 16), 2, 0, bad_header},  // count missing after the skip
       {header(64, 48, 0, 8, 13) + tail, 2, 0, bad_header},
-      {header(64, 48, -8, 8, 13) + tail, 2, 0, bad_header},
       {header(64, 48, INT32_MIN, 8, 13) + tail, 2, 0, bad_header},
       {header(-64, 48, 8, 8, 13) + tail, 2, 0, bad_header},
       {header(64, -48, 8, 8, 13) + tail, 2, 0, bad_header},
       // Map sizes beyond 32 bits.
-      {header(kMax, kMax, 5, 5, 13) + tail, 2, 0, bad_header},
       {header(kMax, 65536, 5, 5, 13) + tail, 2, 0, bad_header},
       {header(2000000, 2000000, 40, 40, 13) + tail, 2, 0, bad_header},
       // The side must exceed twice the border, automatic (max(S / 8, 1)) or
       // given, compared without wrapping.
       {header(64, 48, 2, 2, 13) + tail, 2, 0, bad_header},
-      {header(64, 48, 1, 1, 13) + tail, 2, 0, bad_header},
       {header(64, 48, 6, 6, 13) + tail, 2, 3, bad_header},
-      {header(64, 48, 16, 16, 13) + tail, 2, 8, bad_header},
       {header(64, 48, 7, 7, 13) + tail, 2, 1 << 30, bad_header},
       {header(64, 48, 7, 7, 13) + tail, 2, kMax, bad_header},
       // FEC 0: a negative count, or an index table beyond 32 bits.

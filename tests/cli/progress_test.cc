@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace lumamark {
 namespace {
@@ -23,10 +24,7 @@ TEST(Progress, RedrawsAtMostOncePerIntervalPadsAndErasesOnce) {
     std::fflush(out);
     return std::string(buf, len);
   };
-  {
-    Progress quick(out, true, fake_clock);
-    quick.frame_done(100);
-  }
+  Progress(out, true, fake_clock).frame_done(100);  // finished when destroyed
   EXPECT_EQ(text(), "") << "a run shorter than the interval leaves nothing behind";
 
   Progress p(out, true, fake_clock);
@@ -58,24 +56,20 @@ TEST(Progress, RedrawsAtMostOncePerIntervalPadsAndErasesOnce) {
 
 // The default constructor enables itself only when standard error is a terminal.
 TEST(Progress, FollowsWhetherStandardErrorIsATerminal) {
-  const int saved = dup(STDERR_FILENO);
   int master = -1, slave = -1;
   ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
   std::FILE* file = std::tmpfile();
-  ASSERT_NE(file, nullptr);
+  const int saved = dup(STDERR_FILENO);
   std::fflush(stderr);
-  bool enabled[2];
-  for (int i = 0; i < 2; ++i) {
-    dup2(i == 0 ? slave : fileno(file), STDERR_FILENO);
-    enabled[i] = Progress().enabled();
+  std::vector<bool> enabled;
+  for (int fd : {slave, fileno(file)}) {
+    dup2(fd, STDERR_FILENO);
+    enabled.push_back(Progress().enabled());
   }
   dup2(saved, STDERR_FILENO);
-  close(saved);
-  close(slave);
-  close(master);
+  for (int fd : {saved, slave, master}) close(fd);
   std::fclose(file);
-  EXPECT_TRUE(enabled[0]);
-  EXPECT_FALSE(enabled[1]);
+  EXPECT_EQ(enabled, std::vector<bool>({true, false}));
 }
 
 }  // namespace

@@ -41,6 +41,7 @@ TEST(SoftValues, MeasureFrameMatchesGrid) {
   std::vector<int32_t> expect(99), got(99);
   signal_measure_grid(luma.data(), 9, 11, expect.data(), stride, 7, 7, 2, 2);
   for (int32_t threads : {1, 3, 16}) {
+    got.assign(99, -1);
     measure_frame(luma.data(), stride, SoftGrid{9, 11, 7, 2}, got.data(), threads);
     EXPECT_EQ(got, expect) << threads;
   }

@@ -142,25 +142,18 @@ inline RunResult run_shell(const std::string& script) { return run_program("/bin
 
 // A fresh directory under base (default: the system's temporary directory),
 // removed with its contents at scope end.
-class TempDir {
- public:
-  explicit TempDir(const std::string& base = "") {
-    const std::filesystem::path dir = base.empty() ? std::filesystem::temp_directory_path() : std::filesystem::path(base);
-    std::string tmpl = (dir / "lumamark_test_XXXXXX").string();
-    if (::mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = tmpl;
+struct TempDir {
+  explicit TempDir(const std::string& base = "")
+      : path((base.empty() ? std::filesystem::temp_directory_path() : std::filesystem::path(base)) / "lumamark_test_XXXXXX") {
+    if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   }
   ~TempDir() {
     std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
+    std::filesystem::remove_all(path, ec);
   }
   TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
+  std::string file(const std::string& name) const { return path + "/" + name; }
+  std::string path;
 };
 
 inline void write_file(const std::string& path, const std::string& bytes) {

@@ -161,7 +161,7 @@ TEST(Hostile, UnwritableLogPathIsIgnored) {
   const std::string frames = random_bytes(2 * kGeometries[0].frame, 6);
   const RunResult plain = run_tool(sized(kGeometries[0]), frames);
   ASSERT_TRUE(plain.exited(0));
-  for (const std::string& log : {dir.file("missing/log.json"), dir.path()}) {
+  for (const std::string& log : {dir.file("missing/log.json"), dir.path}) {
     const RunResult r = run_tool(sized(kGeometries[0], {"--embed-log", log}), frames);
     EXPECT_TRUE(r.exited(0)) << log;
     EXPECT_EQ(r.err, "") << log;

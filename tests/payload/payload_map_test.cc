@@ -4,18 +4,10 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <string>
 #include <vector>
-
-#include "filter/filter.h"
-#include "payload/fec.h"
 
 namespace lumamark {
 namespace {
-
-const char* kZeroUrn = "00000000000000000000000000000000";
 
 // One generator step in its rotate-left form: the eight bytes of the new state.
 std::vector<uint8_t> step(uint32_t& s0, uint32_t& s1) {
@@ -57,56 +49,6 @@ std::vector<uint8_t> model_row(int32_t n, uint32_t s0) {
     for (int k = 0; k < 8 && b + k < n; ++k) std::swap(row[b + k], row[bytes[k] % (b + k + 1)]);
   }
   return row;
-}
-
-// A filter as initialisation leaves it, built by hand from its fields.
-struct MapRig {
-  WatermarkFilter f{};
-  std::vector<int8_t> pattern;
-  MapRig(int32_t w, int32_t h, int32_t sp, const char* id, int32_t nbits, int32_t strength, int32_t mode) {
-    f.width = w, f.height = h, f.sp_size = sp, f.strength = strength, f.fec_mode = mode;
-    f.bit_count = f.fec_bit_count = nbits;
-    f.encoded_bit_count = mode == 0 ? nbits + (nbits + 7) / 8 : (w / sp) * (h / sp);
-    f.wm_id = strdup(id);
-    f.coded_bits = fec_encode(id, nbits, f.encoded_bit_count, mode);
-    pattern.resize((w / sp) * (h / sp));
-    f.pattern_values = pattern.data();
-  }
-  ~MapRig() {
-    std::free(f.wm_id);
-    std::free(f.coded_bits);
-  }
-  std::vector<uint8_t> run(const char* urn, std::vector<uint8_t>* idx = nullptr) {
-    std::vector<uint8_t> map(pattern.size(), 0xAA);
-    if (idx) idx->assign(16 * f.encoded_bit_count, 0xAA);
-    wm_generate_payload_map(&f, map.data(), urn, idx ? idx->data() : nullptr);
-    return map;
-  }
-};
-
-// The default URN gives the pattern seed (9, 0) and, hashing to 0, the
-// Reed-Muller seed 1; every cell carries its own symbol.
-TEST(PayloadMap, DefaultsReedMuller) {
-  MapRig s(1920, 1080, 7, "1ABC", 13, 3, 2);
-  ASSERT_EQ(s.pattern.size(), 42196u);
-  const std::vector<uint8_t> map = s.run(kZeroUrn);
-  std::string coded(42196, '#');
-  ASSERT_EQ(rm_encode_payload(coded.data(), "1ABC", 13, 42196, 1), 0);
-  EXPECT_EQ(std::string(s.f.coded_bits), coded);
-  const std::vector<int8_t> pat = model_pattern(3, 42196, 0);
-  EXPECT_EQ(s.pattern, pat);
-  for (int32_t c = 0; c < 42196; ++c) {
-    ASSERT_NE(pat[c], 0);
-    ASSERT_EQ(map[c], uint8_t(3 + (coded[c] == '1' ? -pat[c] : pat[c]))) << c;
-  }
-}
-
-// In FEC mode 0 the cells after the last whole repetition are 0: all of
-// them when not one repetition fits.
-TEST(PayloadMap, NoWholeRepetitionLeavesTheMapZero) {
-  MapRig s(100, 56, 7, "1", 600, 4, 0);  // 112 cells, L = 675
-  std::vector<uint8_t> idx;
-  EXPECT_EQ(s.run(kZeroUrn, &idx), std::vector<uint8_t>(112, 0));
 }
 
 TEST(PayloadMap, SignPatternWrapsLikeThirtyTwoBitArithmetic) {
