@@ -53,12 +53,10 @@ TEST(Hostile, RefusalsBeforeAnyFrameInTheirOrder) {
       {{"--pix-fmt", "nv12", "--strength", "0"}, "", kInvalid},
       {{"--strength", "0", "--sp-density", "101"}, "", "Error: --strength must be >= 1\n"},
       // 65536 x 65536 x 3 wraps to 0; 65536 x 65537 to 65536 pixels, whose
-      // frames of 98304 or 196608 bytes cannot hold a 4 GiB luma plane; three
-      // halves of 46340 x 46340 wrap to less than the plane.
+      // frames of 98304 bytes cannot hold a 4 GiB luma plane; three halves of
+      // 46340 x 46340 wrap to less than the plane.
       {{"--width", "65536", "--height", "65536", "--sp-width", "64", "--pix-fmt", "yuv444p"}, "", kInvalid},
       {{"--width", "65536", "--height", "65537", "--sp-width", "64", "--fec", "0"}, "", kInvalid},
-      {{"--width", "65537", "--height", "65536", "--sp-width", "64", "--pix-fmt", "yuv444p"}, "", kInvalid},
-      {{"--width", "65600", "--height", "65600", "--sp-width", "64", "--threads", "3"}, "", kInvalid},
       {{"--width", "46340", "--height", "46340", "--sp-width", "64", "--fec", "0"}, "", kInvalid},
       // Negative 32-bit sizes fail the allocation of twice their unsigned value.
       {{"--width", "32768", "--height", "32768", "--sp-width", "64", "--fec", "0", "--pix-fmt", "yuv444p"}, "",
@@ -193,8 +191,9 @@ TEST(Hostile, BorderAtThe32BitLimitLeavesTheFrameUnchanged) {
 // the log describing the last frame alone), and black 256 x 176 frames
 // through the threaded loop: ten times the frames must not raise the peak.
 TEST(Hostile, LongRunsKeepMemoryFlat) {
-  TempDir dir;  // the log is rewritten for every frame: a memory-backed directory saves disk time
-  TempDir shm_dir(file_exists("/dev/shm") ? "/dev/shm" : "");
+  TempDir dir;
+  // The log is rewritten for every frame: a memory-backed directory saves disk time.
+  TempDir shm_dir(::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "");
   constexpr size_t kSize = 32 * 24 * 3 / 2;
   constexpr int kDistinct = 7, kFrames = 10000;
   const Args tiny = {"--width", "32", "--height", "24", "--sp-width", "5", "--threads", "2",
