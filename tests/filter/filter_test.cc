@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <numeric>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -85,7 +86,7 @@ TEST(ImageSeed, WorkedExamplesWithEveryKernelSet) {
 
 int ones(const std::vector<uint8_t>& v) { return std::accumulate(v.begin(), v.end(), 0); }
 
-TEST(Selection, ExactCountsBlocksAndSingleBytes) {
+TEST(Selection, ExactCountsBlocksAndSpreadOverRepetitions) {
   for (int32_t seed : {0, 5, 1000}) {
     for (int32_t n : {2, 10, 17, 1001}) {
       for (int32_t density : {0, 33, 50, 100}) {
@@ -121,6 +122,18 @@ TEST(Selection, ExactCountsBlocksAndSingleBytes) {
   std::vector<uint8_t> over(10);  // a density above 100 cannot be corrected
   selection_block(over.data(), 10, 150, 4);
   EXPECT_EQ(10, ones(over));
+  // Spreading 20 repetitions of 3 symbols over 62 superpixels: repetition j
+  // reads index row j mod 16, the last two superpixels get 0; without indexes
+  // every repetition copies the first 3 mask bytes. Mask byte i holds i here.
+  std::mt19937 rng(5);
+  std::vector<uint8_t> numbered(60), indexes(16 * 3), spread(62, 9);
+  std::iota(numbered.begin(), numbered.end(), 0);
+  for (auto& i : indexes) i = static_cast<uint8_t>(rng() % 3);
+  selection_spread(spread.data(), numbered.data(), indexes.data(), 62, 3, 20);
+  for (int32_t i = 0; i < 60; ++i) EXPECT_EQ(indexes[(i / 3 % 16) * 3 + i % 3] * 20 + i / 3, spread[i]) << i;
+  EXPECT_EQ(0, spread[60] + spread[61]);
+  selection_spread(spread.data(), numbered.data(), nullptr, 62, 3, 20);
+  for (int32_t i = 0; i < 60; ++i) EXPECT_EQ(i % 3, spread[i]) << i;
 }
 
 TEST(EmbedDriver, PositionClassesAndWorkerRules) {
@@ -144,6 +157,30 @@ TEST(EmbedDriver, PositionClassesAndWorkerRules) {
   EXPECT_EQ(0, embed_worker_count_for(0, int64_t{1} << 32));  // low 32 bits 0: embed nothing
   EXPECT_EQ(64, texture_worker_count(200));
   EXPECT_EQ(1, texture_worker_count_for(0, -1));
+}
+
+TEST(EmbedDriver, LogWrittenByTheWorkersEqualsTheOrderedLog) {
+  // A log whose border setting differs in form from the driver's (-1 and 0
+  // both mean automatic) is written entry by entry by the workers; on one
+  // worker that must give the text the driver writes in superpixel order.
+  const std::vector<uint8_t> before = test::textured_plane(64, 48, 9);
+  std::vector<uint8_t> map(48, 5), selection(48, 1);
+  for (size_t i = 0; i < map.size(); i += 3) map[i] = 1;
+  selection[5] = 2;  // only exactly 1 selects
+  const std::string path = test::temp_path("order.json");
+  std::string logs[2];
+  for (int32_t border : {-1, 0}) {
+    std::vector<uint8_t> frame = before;
+    EmbedLog* log = embed_log_open(path.c_str(), 8, 8, 0, 0, 1, 64);
+    embed_frame(frame.data(), 64, 48, 64, 100, 3, 1, map.data(), selection.data(), 1, 8, 8, border,
+                border, 2, nullptr, log, border == 0 ? 5 : 1);
+    EXPECT_NE(before, frame);
+    embed_log_finish(log);
+    logs[border + 1] = test::read_file(path);
+  }
+  std::remove(path.c_str());
+  EXPECT_NE(std::string::npos, logs[0].find("\"total_sp_count\": 47,"));
+  EXPECT_EQ(logs[0], logs[1]);
 }
 
 std::string padded(const std::string& text) { return text + std::string(1024 - text.size(), ' ') + "\n"; }
