@@ -11,6 +11,7 @@
 #include <cstddef>
 
 #include "kernels/intmath.h"
+#include "kernels/pattern.h"
 #include "kernels/prng.h"
 
 namespace lumamark {
@@ -23,13 +24,14 @@ int32_t div_trunc(int32_t a, int32_t b) {
   return a / b;
 }
 
-// The default border is an eighth of the side, at least one pixel.
-int32_t resolve_border(int32_t setting, int32_t size) {
-  return setting >= 1 ? setting : imax(size / 8, 1);
+inline int32_t amplitude(int8_t byte, const int32_t small[8]) {
+  const int32_t p = byte;
+  if (p < 0 || p > 7) return p;
+  return imin(p, small[p]);
 }
 
-// Entries 1..7 of the attenuation table after the border analysis; m is the
-// smallest sum of squared deviations of the four border strips.
+}  // namespace
+
 void border_attenuation(int32_t m, int32_t small[8]) {
   if (m < 1000) {
     // A flat border: every non-zero amplitude is cut to 1.
@@ -43,14 +45,6 @@ void border_attenuation(int32_t m, int32_t small[8]) {
   small[6] = 6 * c / 5;
   small[7] = 7 * c / 5;
 }
-
-inline int32_t amplitude(int8_t byte, const int32_t small[8]) {
-  const int32_t p = byte;
-  if (p < 0 || p > 7) return p;
-  return imin(p, small[p]);
-}
-
-}  // namespace
 
 int32_t block_ssd(const uint8_t* block, int32_t w, int32_t h, int32_t stride) {
   if (h < 1 || w < 1) return 0;
@@ -76,24 +70,11 @@ int32_t block_ssd(const uint8_t* block, int32_t w, int32_t h, int32_t stride) {
   return static_cast<int32_t>(ssd);
 }
 
-int32_t embed_superpixel(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
-                         int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h, int32_t value,
-                         int32_t frame_w, int32_t frame_h, const int8_t* pattern,
-                         const uint8_t* texture, int32_t pm_mode) {
-  const int32_t bw = resolve_border(spb_w, sp_w);
-  const int32_t bh = resolve_border(spb_h, sp_h);
-  const int32_t sign = value < 0 ? -1 : 1;
-
-  // Attenuation table entries 0..7; 8 and above are the identity.
-  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-  Prng64 noise{};
-  if (pm_mode == 0) {
+void attenuation_table(const uint8_t* luma, int32_t x, int32_t y, int32_t stride, int32_t sp_w,
+                       int32_t sp_h, int32_t bw, int32_t bh, int32_t pm_mode, int32_t small[8]) {
+  for (int32_t i = 0; i < 8; ++i) small[i] = i;
+  if (pm_mode == 0 || pm_mode == 3) {
     // plain amplitudes
-  } else if (pm_mode == 3) {
-    const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
-                        (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
-                        static_cast<uint32_t>(wrap_add(x, 1));
-    prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
   } else if (pm_mode == 2 && (int64_t{2} * bw > sp_w || int64_t{2} * bh > sp_h)) {
     // Borders wider than half the side would put the strips outside the
     // superpixel (even before the plane). The bank's patterns are all zero
@@ -114,6 +95,26 @@ int32_t embed_superpixel(uint8_t* luma, int32_t x, int32_t y, int32_t step, int3
   } else {
     // Mode 1 and every unknown mode: amplitude 1 only.
     for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  }
+}
+
+int32_t embed_superpixel(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
+                         int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h, int32_t value,
+                         int32_t frame_w, int32_t frame_h, const int8_t* pattern,
+                         const uint8_t* texture, int32_t pm_mode) {
+  const int32_t bw = border_or_default(spb_w, sp_w);
+  const int32_t bh = border_or_default(spb_h, sp_h);
+  const int32_t sign = value < 0 ? -1 : 1;
+
+  // Attenuation table entries 0..7; 8 and above are the identity.
+  int32_t small[8];
+  Prng64 noise{};
+  attenuation_table(luma, x, y, stride, sp_w, sp_h, bw, bh, pm_mode, small);
+  if (pm_mode == 3) {
+    const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
+                        (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
+                        static_cast<uint32_t>(wrap_add(x, 1));
+    prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
   }
 
   if (sp_h < 1) return 0;

@@ -8,6 +8,7 @@
 
 #include "kernels/embed.h"
 #include "kernels/intmath.h"
+#include "kernels/pattern.h"
 #include "kernels/prng.h"
 #include "kernels/x86/avx2.h"
 #include "kernels/x86/rows_avx2.h"
@@ -17,24 +18,6 @@ namespace {
 
 constexpr int32_t kMaxWidth = 16;
 constexpr int32_t kMaxHeight = 64;
-
-inline int32_t resolve_border(int32_t setting, int32_t size) {
-  return setting >= 1 ? setting : imax(size / 8, 1);
-}
-
-// Entries 1..7 after the border analysis (see embed.cc).
-void border_attenuation(int32_t m, int32_t small[8]) {
-  if (m < 1000) {
-    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
-    return;
-  }
-  if (m >= 5000) return;
-  const int32_t c = 5 - m / 1000;
-  for (int32_t k = 1; k <= 4; ++k) small[k] = c * k / 5;
-  small[5] = c;
-  small[6] = 6 * c / 5;
-  small[7] = 7 * c / 5;
-}
 
 // Bits of the non-zero bytes among the first n.
 inline uint32_t nonzero_bits(__m128i bytes, int32_t n) {
@@ -52,27 +35,12 @@ int32_t embed_superpixel_avx2(uint8_t* luma, int32_t x, int32_t y, int32_t step,
     return embed_superpixel(luma, x, y, step, stride, sp_w, sp_h, spb_w, spb_h, value, frame_w,
                             frame_h, pattern, texture, pm_mode);
   }
-  const int32_t bw = resolve_border(spb_w, sp_w);
-  const int32_t bh = resolve_border(spb_h, sp_h);
+  const int32_t bw = border_or_default(spb_w, sp_w);
+  const int32_t bh = border_or_default(spb_h, sp_h);
 
   // The attenuation table, exactly as the plain kernel sets it.
-  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-  if (pm_mode == 0 || pm_mode == 3) {
-    // identity
-  } else if (pm_mode == 2 && (int64_t{2} * bw > sp_w || int64_t{2} * bh > sp_h)) {
-    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
-  } else if (pm_mode == 2) {
-    const ptrdiff_t pitch = stride;
-    const uint8_t* origin = luma + static_cast<ptrdiff_t>(y) * pitch + x;
-    const int32_t top = block_ssd(origin, sp_w, 2 * bh, stride);
-    const int32_t bottom = block_ssd(luma + static_cast<ptrdiff_t>(sp_h + y - 2 * bh) * pitch + x,
-                                     sp_w, 2 * bh, stride);
-    const int32_t left = block_ssd(origin, 2 * bw, sp_h, stride);
-    const int32_t right = block_ssd(origin + (sp_w - 2 * bw), 2 * bw, sp_h, stride);
-    border_attenuation(imin(imin(top, bottom), imin(left, right)), small);
-  } else {
-    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
-  }
+  int32_t small[8];
+  attenuation_table(luma, x, y, stride, sp_w, sp_h, bw, bh, pm_mode, small);
   if (sp_h < 1) return 0;
 
   // Entries 0..7 from the table, 8..15 the identity.

@@ -27,6 +27,7 @@
 #include "kernels/embed.h"
 #include "kernels/embed_band.h"
 #include "kernels/intmath.h"
+#include "kernels/pattern.h"
 #include "kernels/x86/avx2.h"
 #include "kernels/x86/rows_avx2.h"
 
@@ -61,26 +62,6 @@ static_assert(sizeof(PreparedEntry) == 64, "entries are one cache line");
 
 // Prepared data is kept only while it stays small next to the frame.
 constexpr int64_t kMaxPrepared = 1024 * 1024;
-
-inline int32_t resolve_border(int32_t setting, int32_t size) {
-  return setting >= 1 ? setting : imax(size / 8, 1);
-}
-
-// Entries 1..7 after the border analysis (see embed.cc); m is the smallest
-// strip sum of squared deviations.
-void border_attenuation(int32_t m, int32_t small[8]) {
-  if (m < 1000) {
-    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
-    return;
-  }
-  if (m >= 5000) return;
-  const int32_t c = 5 - m / 1000;
-  for (int32_t k = 1; k <= 4; ++k) small[k] = c * k / 5;
-  small[5] = c;
-  small[6] = 6 * c / 5;
-  small[7] = 7 * c / 5;
-}
-
 
 __m128i make_table(const int32_t small[8]) {
   alignas(16) uint8_t t[16];
@@ -501,8 +482,8 @@ void embed_band_avx2(const EmbedBand* b) {
     embed_band(b);
     return;
   }
-  const int32_t bw = resolve_border(b->border_w, sp_w);
-  const int32_t bh = resolve_border(b->border_h, sp_h);
+  const int32_t bw = border_or_default(b->border_w, sp_w);
+  const int32_t bh = border_or_default(b->border_h, sp_h);
   const int32_t n = count * sp_w;
   const int32_t area = sp_w * sp_h;
   const bool perceptual = b->pm_mode == 3 && b->texture != nullptr;
