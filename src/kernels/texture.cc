@@ -36,6 +36,31 @@ struct RoundedMean {
   }
 };
 
+// One map row: the horizontal box mean runs along the row (one addition and
+// one subtraction per pixel), the vertical one comes from column(x), the
+// sum of column x over the row's vertical window.
+template <typename ColumnSum>
+void texture_row(const uint8_t* row, uint8_t* out, int32_t w, int64_t r,
+                 const RoundedMean& mid_mean, const RoundedMean& v_mean, ColumnSum column) {
+  int64_t s = 0;
+  int64_t e = r < w - 1 ? r : w - 1;
+  uint32_t sum = 0;
+  for (int64_t c = 0; c <= e; ++c) sum += row[c];
+  for (int32_t x = 0; x < w; ++x) {
+    if (x > 0) {
+      const int64_t ne = x + r < w - 1 ? x + r : w - 1;
+      const int64_t ns = x - r > 0 ? x - r : 0;
+      if (ne > e) sum += row[ne];
+      if (ns > s) sum -= row[s];
+      e = ne;
+      s = ns;
+    }
+    const uint32_t n_h = static_cast<uint32_t>(e - s + 1);
+    const uint32_t mh = n_h == mid_mean.n ? mid_mean(sum) : (sum + n_h / 2) / n_h;
+    out[x] = texture_value(mh, v_mean(column(x)), row[x]);
+  }
+}
+
 }  // namespace
 
 void texture_integral(const uint8_t* src, int32_t width, int32_t height, int32_t stride,
@@ -81,26 +106,9 @@ void texture_rows(const TextureRows* rows) {
     const uint32_t* b0 = rows->integral + y0 * istride;
     const uint32_t* b1 = rows->integral + y1 * istride;
 
-    int64_t s = 0;
-    int64_t e = r < w - 1 ? r : w - 1;
-    uint32_t sum = 0;
-    for (int64_t c = 0; c <= e; ++c) sum += row[c];
-
-    for (int32_t x = 0; x < w; ++x) {
-      if (x > 0) {
-        const int64_t ne = x + r < w - 1 ? x + r : w - 1;
-        const int64_t ns = x - r > 0 ? x - r : 0;
-        if (ne > e) sum += row[ne];
-        if (ns > s) sum -= row[s];
-        e = ne;
-        s = ns;
-      }
-      const uint32_t n_h = static_cast<uint32_t>(e - s + 1);
-      const uint32_t mh = n_h == mid_mean.n ? mid_mean(sum) : (sum + n_h / 2) / n_h;
-      const uint32_t column = b1[x + 1] - b1[x] - b0[x + 1] + b0[x];
-      const uint32_t mv = v_mean(column);
-      out[x] = texture_value(mh, mv, row[x]);
-    }
+    texture_row(row, out, w, r, mid_mean, v_mean, [b0, b1](int32_t x) -> uint32_t {
+      return b1[x + 1] - b1[x] - b0[x + 1] + b0[x];
+    });
   }
 }
 
@@ -159,25 +167,9 @@ void texture_rows_direct(const TextureRows* rows) {
     const uint8_t* row = src + static_cast<ptrdiff_t>(y) * stride;
     uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * w;
 
-    int64_t s = 0;
-    int64_t e = r < w - 1 ? r : w - 1;
-    uint32_t sum = 0;
-    for (int64_t c = 0; c <= e; ++c) sum += row[c];
-    for (int32_t x = 0; x < w; ++x) {
-      if (x > 0) {
-        const int64_t ne = x + r < w - 1 ? x + r : w - 1;
-        const int64_t ns = x - r > 0 ? x - r : 0;
-        if (ne > e) sum += row[ne];
-        if (ns > s) sum -= row[s];
-        e = ne;
-        s = ns;
-      }
-      const uint32_t n_h = static_cast<uint32_t>(e - s + 1);
-      const uint32_t mh = n_h == mid_mean.n ? mid_mean(sum) : (sum + n_h / 2) / n_h;
-      const uint32_t column =
-          columns != nullptr ? columns[x] : column_sum(src, rows->stride, x, y0, y1);
-      out[x] = texture_value(mh, v_mean(column), row[x]);
-    }
+    texture_row(row, out, w, r, mid_mean, v_mean, [&](int32_t x) -> uint32_t {
+      return columns != nullptr ? columns[x] : column_sum(src, rows->stride, x, y0, y1);
+    });
   }
   std::free(columns);
 }
