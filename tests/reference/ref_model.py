@@ -1345,7 +1345,9 @@ def run(prog, words):
         frame_size = s32(W * H * 2)
     else:
         frame_size = 0
-    if frame_size == 0:
+    # A size that wrapped to a positive value below the luma plane could not
+    # hold the picture; the tool refuses it like a size of 0.
+    if frame_size == 0 or 0 < frame_size < W * H:
         IO.e(b"Invalid frame dimensions or pixel format\n")
         return 1
     if cfg["strength"] < 1:
