@@ -7,6 +7,7 @@
 
 #include "kernels/divide.h"
 #include "kernels/intmath.h"
+#include "kernels/pattern.h"
 
 namespace lumamark {
 namespace {
@@ -65,8 +66,8 @@ int32_t measure_inner(const uint8_t* base, ptrdiff_t pitch, int32_t sp_w, int32_
 
 int32_t signal_measure(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, int32_t sp_h,
                        int32_t stride, int32_t spb_w, int32_t spb_h) {
-  const int32_t bw = spb_w > 0 ? spb_w : imax(sp_w / 8, 1);
-  const int32_t bh = spb_h > 0 ? spb_h : imax(sp_h / 8, 1);
+  const int32_t bw = border_or_default(spb_w, sp_w);
+  const int32_t bh = border_or_default(spb_h, sp_h);
   // Borders of half the side or more leave no inner area. Twice the border is
   // formed in 64 bits: for a border near the 32-bit limit it would wrap into
   // a small inner size and send the reads far outside the superpixel.

@@ -8,6 +8,7 @@
 
 #include "kernels/divide.h"
 #include "kernels/intmath.h"
+#include "kernels/pattern.h"
 #include "kernels/measure.h"
 #include "kernels/x86/avx2.h"
 #include "kernels/x86/rows_avx2.h"
@@ -45,8 +46,8 @@ inline __m256i widened_from(__m128i row, __m128i shift) {
 
 int32_t signal_measure_avx2(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, int32_t sp_h,
                             int32_t stride, int32_t spb_w, int32_t spb_h) {
-  const int32_t bw = spb_w > 0 ? spb_w : imax(sp_w / 8, 1);
-  const int32_t bh = spb_h > 0 ? spb_h : imax(sp_h / 8, 1);
+  const int32_t bw = border_or_default(spb_w, sp_w);
+  const int32_t bh = border_or_default(spb_h, sp_h);
   // Borders of half the side or more leave no inner area (formed in 64
   // bits, as in the plain kernel).
   if (int64_t{2} * bw >= sp_w || int64_t{2} * bh >= sp_h) return 0;
