@@ -1,6 +1,9 @@
 // The kernel tables and the choice made at start-up.
 #include "kernels/dispatch.h"
 
+#include <cstdlib>
+#include <cstring>
+
 #include "kernels/cells.h"
 #include "kernels/embed.h"
 #include "kernels/measure.h"
@@ -23,17 +26,32 @@ constexpr KernelTable kAvx2 = {
 const KernelTable* g_table = &kPlain;
 KernelSet g_set = KernelSet::Plain;
 
+// Every instruction-set flag the files under x86/ are compiled with
+// (-mavx2 -mfma -mbmi2; AVX2 brings AVX and POPCNT with it). The compiler's
+// check also asks the operating system whether it saves the AVX registers.
 bool cpu_has_avx2() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi2") &&
+  return __builtin_cpu_supports("avx") && __builtin_cpu_supports("avx2") &&
+         __builtin_cpu_supports("fma") && __builtin_cpu_supports("bmi2") &&
          __builtin_cpu_supports("popcnt");
 #else
   return false;
 #endif
 }
 
-// Installs the fastest table before main runs.
+// LUMAMARK_CPU=plain keeps the vector kernels out of the process, for tests
+// and for chasing a problem; read once, on first use.
+bool plain_forced() {
+  static const bool forced = [] {
+    const char* value = std::getenv("LUMAMARK_CPU");
+    return value != nullptr && std::strcmp(value, "plain") == 0;
+  }();
+  return forced;
+}
+
+// Installs the fastest table before main runs. This file is compiled for
+// the baseline processor; nothing built for AVX2 runs before this check.
 const bool g_started = use_kernel_set(best_kernel_set());
 
 }  // namespace
@@ -44,7 +62,7 @@ const KernelTable& kernel_table(KernelSet set) { return set == KernelSet::Avx2 ?
 
 bool kernel_set_supported(KernelSet set) {
   if (set == KernelSet::Plain) return true;
-  static const bool avx2 = cpu_has_avx2();
+  static const bool avx2 = !plain_forced() && cpu_has_avx2();
   return avx2;
 }
 

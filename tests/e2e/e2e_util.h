@@ -58,6 +58,32 @@ inline void drain(int fd, std::string* sink) {
 }
 }  // namespace detail
 
+// The words that run a built tool: LUMAMARK_TEST_EMULATOR (e.g.
+// "qemu-x86_64 -cpu Westmere") puts both tools under an emulator; other
+// programs run as they are.
+inline Args tool_words(const std::string& program) {
+  Args words;
+  const char* emulator = std::getenv("LUMAMARK_TEST_EMULATOR");
+  bool tool = program == LUMAMARK_BIN;
+#ifdef LUMAMARK_DETECT_BIN
+  tool = tool || program == LUMAMARK_DETECT_BIN;
+#endif
+  if (tool && emulator != nullptr) {
+    std::string word;
+    for (const char* c = emulator;; ++c) {
+      if (*c == ' ' || *c == '\0') {
+        if (!word.empty()) words.push_back(word);
+        word.clear();
+        if (*c == '\0') break;
+      } else {
+        word += *c;
+      }
+    }
+  }
+  words.push_back(program);
+  return words;
+}
+
 // Runs program with args (argv[0] is program itself) and waits for it. With
 // peak_kib, the peak resident memory of the program's own address space
 // (VmHWM, in KiB) is sampled every millisecond while it runs, once /proc
@@ -68,7 +94,7 @@ inline RunResult run_program(const std::string& program, const Args& args, const
   int in[2], out[2], err[2];
   if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
     throw std::runtime_error("pipe2 failed");
-  Args words = cat({program}, args);
+  Args words = cat(tool_words(program), args);
   std::vector<char*> argv;
   for (std::string& w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
@@ -79,7 +105,7 @@ inline RunResult run_program(const std::string& program, const Args& args, const
     ::dup2(in[0], 0);
     ::dup2(out[1], 1);
     ::dup2(err[1], 2);
-    ::execv(program.c_str(), argv.data());
+    ::execvp(argv[0], argv.data());
     ::_exit(127);
   }
   ::close(in[0]);
@@ -134,8 +160,10 @@ inline RunResult run_tool(const Args& args, const std::string& stdin_data) {
 
 // The tool's command line, quoted for bash, and a bash script run to its end.
 inline std::string shell_words(const Args& args) {
-  std::string command = std::string("'") + LUMAMARK_BIN + "'";
-  for (const std::string& word : args) command += " '" + word + "'";
+  std::string command;
+  for (const std::string& word : cat(tool_words(LUMAMARK_BIN), args)) {
+    command += (command.empty() ? "'" : " '") + word + "'";
+  }
   return command;
 }
 inline RunResult run_shell(const std::string& script) { return run_program("/bin/bash", {"-c", script}); }
