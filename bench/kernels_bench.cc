@@ -14,7 +14,7 @@
 
 #include "filter/filter.h"
 #include "filter/seed.h"
-#include "filter/selection.h"
+#include "payload/selection.h"
 #include "kernels/dispatch.h"
 #include "kernels/embed_band.h"
 #include "kernels/measure.h"
@@ -151,18 +151,18 @@ void embed_frame_bench(benchmark::State& state, bool runs) {
       luma = original;
       state.ResumeTiming();
     }
+    const FrameGeometry g{kW, kH, kW, kSp, kSp, 0, 0};
     for (int32_t sy = 0; sy < kRows; ++sy) {
       const EmbedItem* row = items.data() + static_cast<size_t>(sy) * kCols;
       if (runs) {
-        const EmbedBand band{luma.data(), kW, kW, kH, kSp, kSp, 0, 0, sy * kSp, 0, kCols, row,
-                             texture.data(), pm, scratch.data(),
+        const EmbedBand band{luma.data(), &g, sy * kSp, 0, kCols, row, texture.data(), pm, scratch.data(),
                              prepared.empty() ? nullptr : prepared.data()};
         k->embed_band(&band);
       } else {
         for (int32_t sx = 0; sx < kCols; ++sx) {
-          benchmark::DoNotOptimize(k->embed_superpixel(luma.data(), sx * kSp, sy * kSp, 1, kW, kSp,
-                                                       kSp, 0, 0, row[sx].value, kW, kH,
-                                                       row[sx].pattern, texture.data(), pm));
+          benchmark::DoNotOptimize(k->embed_superpixel(luma.data(), &g, sx * kSp, sy * kSp, 1,
+                                                       row[sx].value, row[sx].pattern,
+                                                       texture.data(), pm));
         }
       }
     }
@@ -181,11 +181,11 @@ void BM_SignalMeasureGrid(benchmark::State& state) {
   if (k == nullptr) return;
   const std::vector<uint8_t> luma = plane(kW, kH);
   std::vector<int32_t> out(static_cast<size_t>(kCols) * kRows);
+  const FrameGeometry g{kW, kH, kW, kSp, kSp, 0, 0};
   for (auto _ : state) {
     for (int32_t sy = 0; sy < kRows; ++sy) {
       for (int32_t sx = 0; sx < kCols; ++sx) {
-        out[static_cast<size_t>(sy) * kCols + sx] =
-            k->signal_measure(luma.data(), sx * kSp, sy * kSp, kSp, kSp, kW, 0, 0);
+        out[static_cast<size_t>(sy) * kCols + sx] = k->signal_measure(luma.data(), &g, sx * kSp, sy * kSp);
       }
     }
     benchmark::ClobberMemory();

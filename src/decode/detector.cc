@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "filter/selection.h"
+#include "payload/selection.h"
 #include "payload/fec.h"
 #include "payload/payload_map.h"
 #include "payload/wm_id.h"

@@ -13,20 +13,21 @@
 #include <cmath>
 #include <cstddef>
 
-#include "filter/parallel.h"
+#include "common/parallel.h"
 #include "kernels/measure.h"
 
 namespace lumamark {
 
 namespace {
 
+// One worker's share of the measurement: superpixel rows [first_row, end_row).
 struct MeasureRows {
-  const uint8_t* luma;
-  int32_t stride;
-  const SoftGrid* grid;
-  int32_t* out;
-  int32_t first_row;
-  int32_t end_row;
+  const uint8_t* luma;   // luma plane
+  int32_t stride;        // bytes between luma rows
+  const SoftGrid* grid;  // superpixel grid
+  int32_t* out;          // measures of the whole grid, row-major
+  int32_t first_row;     // first superpixel row of this share
+  int32_t end_row;       // one past the last superpixel row
 };
 
 void measure_rows(void* arg) {
@@ -44,12 +45,10 @@ void measure_rows(void* arg) {
 void measure_frame(const uint8_t* luma, int32_t stride, const SoftGrid& grid, int32_t* out,
                    int32_t threads) {
   const int32_t n = std::min(texture_worker_count(threads), std::max(grid.rows, 1));
-  MeasureRows work[kMaxWorkers];
-  for (int32_t i = 0; i < n; ++i) {
-    work[i] = MeasureRows{luma, stride, &grid, out, 0, 0};
-    split_range(grid.rows, n, i, &work[i].first_row, &work[i].end_row);
-  }
-  run_workers(measure_rows, work, static_cast<int32_t>(sizeof(MeasureRows)), n);
+  run_split<MeasureRows>(measure_rows, n, grid.rows,
+                         [&](MeasureRows* w, int32_t first, int32_t end, int32_t) {
+                           *w = MeasureRows{luma, stride, &grid, out, first, end};
+                         });
 }
 
 void soft_values(const int32_t* measures, const SoftGrid& grid, const int8_t* signs, float* out,

@@ -10,12 +10,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/parallel.h"
 #include "filter/embed_driver.h"
 #include "filter/embed_log.h"
 #include "filter/filter.h"
-#include "filter/parallel.h"
 #include "filter/seed.h"
-#include "filter/selection.h"
+#include "payload/selection.h"
 #include "kernels/dispatch.h"
 #include "kernels/intmath.h"
 #include "kernels/pattern.h"
@@ -41,10 +41,7 @@ bool prepare_texture(WatermarkFilter* f, const uint8_t* luma, int32_t stride) {
   if (f->width < 1 || f->height < 1) return false;
   const size_t w = static_cast<size_t>(f->width);
   const size_t h = static_cast<size_t>(f->height);
-  const bool have_map = grow_buffer(&f->texture_map, &f->texture_map_cap, w * h);
-  const bool have_integral =
-      grow_buffer(&f->integral, &f->integral_cap, (w + 1) * (h + 1) * sizeof(uint32_t));
-  if (!have_map || !have_integral) return false;
+  if (!grow_buffer(&f->texture_map, &f->texture_map_cap, w * h)) return false;
   // The map builder refuses these (the radius is fixed and positive).
   return luma != nullptr && f->width <= stride;
 }
@@ -95,29 +92,18 @@ void scan_frame(const WatermarkFilter* f, const uint8_t* luma, int32_t stride, b
                 const SeedGrid& grid, int32_t* values) {
   const int32_t n = texture_worker_count(f->threads);
   uint8_t* needed = texture ? texture_rows_needed(f) : nullptr;
-  FrameScan scans[kMaxWorkers];
-  for (int32_t k = 0; k < n; ++k) {
-    FrameScan& s = scans[k];
-    s.texture = texture;
-    s.rows.src = luma;
-    s.rows.out = f->texture_map;
-    s.rows.integral = nullptr;
-    s.rows.integral_stride = 0;
-    s.rows.width = f->width;
-    s.rows.height = f->height;
-    s.rows.stride = stride;
-    s.rows.radius = kTextureRadius;
-    split_range(f->height, n, k, &s.rows.first_row, &s.rows.end_row);
-    s.rows.needed = needed;
-    s.luma = luma;
-    s.stride = stride;
-    s.grid = grid;
-    s.values = values;
-    s.cell_first = 0;
-    s.cell_end = 0;
-    if (values != nullptr) split_range(grid.gy, n, k, &s.cell_first, &s.cell_end);
-  }
-  run_workers(scan_entry, scans, static_cast<int32_t>(sizeof(FrameScan)), n);
+  run_split<FrameScan>(scan_entry, n, f->height, [&](FrameScan* s, int32_t first, int32_t end, int32_t k) {
+    s->texture = texture;
+    s->rows = TextureRows{luma, f->texture_map, nullptr, 0, f->width, f->height, stride,
+                          kTextureRadius, first, end, needed};
+    s->luma = luma;
+    s->stride = stride;
+    s->grid = grid;
+    s->values = values;
+    s->cell_first = 0;
+    s->cell_end = 0;
+    if (values != nullptr) split_range(grid.gy, n, k, &s->cell_first, &s->cell_end);
+  });
   std::free(needed);
 }
 
@@ -183,9 +169,11 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
   selection_spread(selection, mask, f->indexes, total, length >= 1 ? length : 0, reps);
   std::free(mask);
 
-  embed_frame(luma, f->width, f->height, stride, f->p_density, f->strength, f->deep_fake, f->map,
-              selection, s, f->sp_size, f->sp_size, f->sp_border, f->sp_border, f->pm_mode,
-              texture ? f->texture_map : nullptr, log, f->threads);
+  const FrameGeometry geometry{f->width,   f->height,  stride,     f->sp_size,
+                              f->sp_size, f->sp_border, f->sp_border};
+  const EmbedSettings settings{f->p_density, f->strength, f->deep_fake, s, f->pm_mode, f->threads};
+  embed_frame(luma, &geometry, &settings, f->map, selection, texture ? f->texture_map : nullptr,
+              log);
 
   std::free(selection);
   embed_log_finish(log);

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "filter/parallel.h"
+#include "common/parallel.h"
 #include "kernels/dispatch.h"
 #include "kernels/embed.h"
 #include "kernels/embed_band.h"
@@ -74,7 +74,8 @@ namespace {
 // space cannot be had.
 bool embed_runs(EmbedTask* t) {
   const int32_t cols = t->cols;
-  const int64_t scratch_bytes = embed_band_scratch_bytes(t->sp_w, t->sp_h, cols);
+  const FrameGeometry& g = *t->geometry;
+  const int64_t scratch_bytes = embed_band_scratch_bytes(g.sp_w, g.sp_h, cols);
   uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
   EmbedItem* items = static_cast<EmbedItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(EmbedItem)));
   // For each kind of row zone, the number of the first pattern (level 0) of
@@ -90,7 +91,7 @@ bool embed_runs(EmbedTask* t) {
   // The bank level of every map byte, as pattern_select picks it: level 0
   // for the value 0, else (|value| - 1) mod levels. Pattern (class, variant,
   // level) is number (class x variants + variant) x levels + level.
-  const int32_t levels = t->layout.levels;
+  const int32_t levels = t->layout->levels;
   int32_t level_of[256];
   for (int32_t byte = 0; byte < 256; ++byte) {
     const int32_t value = wrap_sub(byte, t->strength);
@@ -121,10 +122,8 @@ bool embed_runs(EmbedTask* t) {
       item = t->patterns[first_of[k] + level_of[map[k]]];
       item.value = wrap_sub(map[k], t->strength);
     }
-    const EmbedBand band{t->luma,  t->stride,  t->width,  t->height,   t->sp_w,
-                         t->sp_h,  t->border_w, t->border_h, sy * t->sp_h, sx0 * t->sp_w,
-                         count,    items,      t->texture, t->pm_mode,  scratch,
-                         t->prepared};
+    const EmbedBand band{t->luma, t->geometry, sy * g.sp_h, sx0 * g.sp_w, count, items,
+                         t->texture, t->pm_mode, scratch, t->prepared};
     embed(&band);
     i = run_end;
   }
@@ -140,7 +139,8 @@ void embed_worker(EmbedTask* t) {
   if (t->deep_fake == 0 && t->log == nullptr && t->patterns != nullptr && embed_runs(t)) return;
 
   const KernelTable& k = kernels();
-  const int32_t area = t->sp_w * t->sp_h;
+  const FrameGeometry* g = t->geometry;
+  const int32_t area = g->sp_w * g->sp_h;
   int8_t* scratch = nullptr;
   if (t->deep_fake != 0) scratch = static_cast<int8_t*>(std::malloc(static_cast<size_t>(area)));
 
@@ -152,25 +152,22 @@ void embed_worker(EmbedTask* t) {
 
     const int32_t value = wrap_sub(t->map[i], t->strength);
     const int32_t cls = position_class(sx, sy, t->cols, t->rows);
-    const int8_t* pattern = pattern_select(t->bank, &t->layout, cls, sx % 16, value);
-    const int32_t x = sx * t->sp_w;
-    const int32_t y = sy * t->sp_h;
+    const int8_t* pattern = pattern_select(t->bank, t->layout, cls, sx % 16, value);
+    const int32_t x = sx * g->sp_w;
+    const int32_t y = sy * g->sp_h;
 
     int32_t signal = 0;
     if (t->deep_fake == 0 || scratch == nullptr) {
-      signal = k.embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
-                                  t->border_h, value, t->width, t->height, pattern, t->texture,
-                                  t->pm_mode);
+      signal = k.embed_superpixel(t->luma, g, x, y, 1, value, pattern, t->texture, t->pm_mode);
     } else {
       // The target is the superpixel's measure before embedding. Measured
       // here, it reads only this superpixel's own pixels, which nothing has
-      // changed yet.
+      // changed yet (and the row pitch, the frame width, is the stride).
       int32_t measured = 0;
       if (t->measures != nullptr) {
         measured = t->measures[i];
       } else if (t->measure_in_place != 0) {
-        measured = k.signal_measure(t->luma, x, y, t->sp_w, t->sp_h, t->width, t->border_w,
-                                    t->border_h);
+        measured = k.signal_measure(t->luma, g, x, y);
       }
       // Embed again and again with a growing amplitude on the same pixels
       // until the amplitude reaches the strength or the signal reaches the
@@ -181,9 +178,7 @@ void embed_worker(EmbedTask* t) {
       for (;;) {
         const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
         for (int32_t j = 0; j < area; ++j) scratch[j] = p[j] != 0 ? amp : 0;
-        signal = k.embed_superpixel(t->luma, x, y, 1, t->stride, t->sp_w, t->sp_h, t->border_w,
-                                    t->border_h, a, t->width, t->height, scratch, t->texture,
-                                    t->pm_mode);
+        signal = k.embed_superpixel(t->luma, g, x, y, 1, a, scratch, t->texture, t->pm_mode);
         a = a < 0 ? a - 1 : a + 1;
         if (magnitude(a) >= t->strength || target <= magnitude(signal)) break;
         p = scratch;
@@ -197,8 +192,7 @@ void embed_worker(EmbedTask* t) {
       EmbedRecord& rec = t->records[i];
       rec.value = value;
       rec.signal = signal;
-      rec.extr = k.signal_measure(t->luma, x, y, t->sp_w, t->sp_h, t->stride, t->border_w,
-                                  t->border_h);
+      rec.extr = k.signal_measure(t->luma, g, x, y);
       rec.embedded = 1;
     } else {
       pthread_mutex_lock(&g_log_mutex);
@@ -209,21 +203,28 @@ void embed_worker(EmbedTask* t) {
   std::free(scratch);
 }
 
-void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, int32_t p_density,
-                 int32_t strength, int32_t deep_fake, const uint8_t* map, const uint8_t* selection,
-                 int32_t seed, int32_t sp_w, int32_t sp_h, int32_t border_w, int32_t border_h,
-                 int32_t pm_mode, const uint8_t* texture, EmbedLog* log, int32_t threads) {
+void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettings* settings,
+                 const uint8_t* map, const uint8_t* selection, const uint8_t* texture,
+                 EmbedLog* log) {
+  const int32_t width = geometry->width;
+  const int32_t stride = geometry->stride;
+  const int32_t sp_w = geometry->sp_w;
+  const int32_t sp_h = geometry->sp_h;
+  const int32_t strength = settings->strength;
+  const int32_t deep_fake = settings->deep_fake;
+  const int32_t pm_mode = settings->pm_mode;
   // Without amplitude levels there is nothing to embed (and no pattern to
   // pick); an empty grid has no superpixel.
   if (strength < 1 || sp_w < 1 || sp_h < 1) return;
   const int32_t cols = width / sp_w;
-  const int32_t rows = height / sp_h;
+  const int32_t rows = geometry->height / sp_h;
   if (cols < 1 || rows < 1) return;
   const int32_t total = wrap_mul(rows, cols);
   if (total < 1) return;
 
   PatternLayout layout;
-  pattern_layout(&layout, kClasses, kVariants, strength, sp_w, sp_h, border_w, border_h);
+  pattern_layout(&layout, kClasses, kVariants, strength, sp_w, sp_h, geometry->border_w,
+                 geometry->border_h);
   // A bank too large for its 32-bit size cannot be addressed.
   const int64_t bank_bytes = int64_t{kClasses} * kVariants * strength * sp_w * sp_h;
   if (bank_bytes != layout.total) return;
@@ -237,8 +238,8 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
     key[k] = (k < total && static_cast<int32_t>(map[k]) > strength) ? '1' : '0';
   }
   key[kKeyLength] = '\0';
-  pattern_bank_fill(bank, &layout, p_density, kClassAdjust, key, static_cast<uint32_t>(seed),
-                    pm_mode != 3);
+  pattern_bank_fill(bank, &layout, settings->p_density, kClassAdjust, key,
+                    static_cast<uint32_t>(settings->seed), pm_mode != 3);
 
   // The deep-fake targets are measured on the untouched frame, with the frame
   // width as the row pitch. When that is the stride, a superpixel's measure
@@ -249,7 +250,8 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
   if (deep_fake != 0 && measure_in_place == 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
     if (measures != nullptr) {
-      signal_measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, border_w, border_h);
+      signal_measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
+                          geometry->border_h);
     }
   }
 
@@ -276,7 +278,7 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
     if (prepared != nullptr) prepare(patterns, bank_patterns, sp_w, sp_h, pm_mode, prepared);
   }
 
-  const int32_t n = embed_worker_count(threads);
+  const int32_t n = embed_worker_count(settings->threads);
   if (n < 1) {
     std::free(prepared);
     std::free(patterns);
@@ -291,43 +293,17 @@ void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, i
   // here; otherwise the workers write to the log themselves.
   EmbedRecord* records = nullptr;
   if (log != nullptr && log->sp_w == sp_w && log->sp_h == sp_h && log->stride == stride &&
-      log->border_w == border_w && log->border_h == border_h) {
+      log->border_w == geometry->border_w && log->border_h == geometry->border_h) {
     records =
         static_cast<EmbedRecord*>(std::calloc(static_cast<size_t>(total), sizeof(EmbedRecord)));
   }
 
-  EmbedTask tasks[kMaxWorkers];
-  for (int32_t w = 0; w < n; ++w) {
-    EmbedTask& t = tasks[w];
-    t.luma = luma;
-    t.width = width;
-    t.height = height;
-    t.stride = stride;
-    t.p_density = p_density;
-    t.strength = strength;
-    t.deep_fake = deep_fake;
-    t.map = map;
-    t.selection = selection;
-    t.seed = seed;
-    t.sp_w = sp_w;
-    t.sp_h = sp_h;
-    t.border_w = border_w;
-    t.border_h = border_h;
-    t.cols = cols;
-    t.rows = rows;
-    t.pm_mode = pm_mode;
-    t.texture = texture;
-    t.measures = measures;
-    t.measure_in_place = measure_in_place;
-    t.bank = bank;
-    t.layout = layout;
-    split_range(total, n, w, &t.first, &t.end);
-    t.log = log;
-    t.records = records;
-    t.patterns = patterns;
-    t.prepared = prepared;
-  }
-  run_workers(embed_worker_entry, tasks, static_cast<int32_t>(sizeof(EmbedTask)), n);
+  run_split<EmbedTask>(embed_worker_entry, n, total, [&](EmbedTask* t, int32_t first, int32_t end, int32_t) {
+    *t = EmbedTask{luma,     geometry, strength,         deep_fake, pm_mode, map,   selection,
+                   cols,     rows,     texture,          measures,  measure_in_place,
+                   bank,     &layout,  first,            end,       log,     records, patterns,
+                   prepared};
+  });
 
   if (records != nullptr) {
     pthread_mutex_lock(&g_log_mutex);

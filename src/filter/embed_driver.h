@@ -6,6 +6,7 @@
 
 #include "filter/embed_log.h"
 #include "kernels/embed_band.h"
+#include "kernels/geometry.h"
 #include "kernels/pattern.h"
 
 namespace lumamark {
@@ -19,46 +20,52 @@ struct EmbedRecord {
   int32_t embedded;  // 1 when the superpixel was embedded in this frame, else 0
 };
 
+// The settings of one frame's embedding, besides its geometry.
+struct EmbedSettings {
+  int32_t p_density;  // pixel density of the pattern bank in percent
+  int32_t strength;   // embedding strength; below 1 nothing is embedded
+  int32_t deep_fake;  // non-zero in deep-fake mode
+  int32_t seed;       // the frame's seed 0..31, which keys the pattern bank
+  int32_t pm_mode;    // perceptual mode
+  int32_t threads;    // worker threads setting (see embed_worker_count)
+};
+
+// One worker's share of a frame: superpixels [first, end) in row-major order.
 struct EmbedTask {
-  uint8_t* luma;              // first luma sample of the frame, modified in place
-  int32_t width;              // frame width in pixels
-  int32_t height;             // frame height in pixels
-  int32_t stride;             // bytes between luma rows
-  int32_t p_density;          // pixel density in percent
-  int32_t strength;           // embedding strength, >= 1
-  int32_t deep_fake;          // non-zero in deep-fake mode
-  const uint8_t* map;         // payload map, one unsigned byte per superpixel
-  const uint8_t* selection;   // 1 = embed this superpixel in this frame
-  int32_t seed;               // the frame's seed 0..31
-  int32_t sp_w;               // superpixel width
-  int32_t sp_h;               // superpixel height
-  int32_t border_w;           // border width setting (below 1 = automatic)
-  int32_t border_h;           // border height setting
-  int32_t cols;               // superpixel columns = width / sp_w
-  int32_t rows;               // superpixel rows = height / sp_h
-  int32_t pm_mode;            // perceptual mode
-  const uint8_t* texture;     // texture map or null
-  const int32_t* measures;    // deep-fake targets, one per superpixel, or null
-  int32_t measure_in_place;   // 1: without measures, measure each deep-fake target just
-                              // before its superpixel is embedded (row pitch = width)
-  const int8_t* bank;         // pattern bank of the frame
-  PatternLayout layout;       // copy of the bank layout
-  int32_t first;              // first superpixel index of this worker's range
-  int32_t end;                // one past the last index of the range
-  EmbedLog* log;              // embedding log or null
-  EmbedRecord* records;       // per-superpixel log records, or null to log directly
-  const EmbedItem* patterns;  // nonzero and row_mask of every bank pattern, in bank order, or null
-  const uint8_t* prepared;    // the run kernel's preparation of those patterns, or null
+  uint8_t* luma;                  // first luma sample of the frame, modified in place
+  const FrameGeometry* geometry;  // frame size, row pitch, superpixel side and border
+  int32_t strength;               // embedding strength, >= 1
+  int32_t deep_fake;              // non-zero in deep-fake mode
+  int32_t pm_mode;                // perceptual mode
+  const uint8_t* map;             // payload map, one unsigned byte per superpixel
+  const uint8_t* selection;       // 1 = embed this superpixel in this frame
+  int32_t cols;                   // superpixel columns = width / sp_w
+  int32_t rows;                   // superpixel rows = height / sp_h
+  const uint8_t* texture;         // texture map or null
+  const int32_t* measures;        // deep-fake targets, one per superpixel, or null
+  int32_t measure_in_place;       // 1: without measures, measure each deep-fake target just
+                                  // before its superpixel is embedded (row pitch = width)
+  const int8_t* bank;             // pattern bank of the frame
+  const PatternLayout* layout;    // layout of the bank
+  int32_t first;                  // first superpixel index of this worker's range
+  int32_t end;                    // one past the last index of the range
+  EmbedLog* log;                  // embedding log or null
+  EmbedRecord* records;           // per-superpixel log records, or null to log directly
+  const EmbedItem* patterns;      // nonzero and row_mask of every bank pattern, in bank order, or null
+  const uint8_t* prepared;        // the run kernel's preparation of those patterns, or null
 };
 
 // Position class 0..3 of superpixel (sx, sy) in a cols x rows grid.
 int32_t position_class(int32_t sx, int32_t sy, int32_t cols, int32_t rows);
 
-void embed_frame(uint8_t* luma, int32_t width, int32_t height, int32_t stride, int32_t p_density,
-                 int32_t strength, int32_t deep_fake, const uint8_t* map, const uint8_t* selection,
-                 int32_t seed, int32_t sp_w, int32_t sp_h, int32_t border_w, int32_t border_h,
-                 int32_t pm_mode, const uint8_t* texture, EmbedLog* log, int32_t threads);
+// Embeds the selected superpixels of one frame (map and selection hold one
+// byte per superpixel of the geometry's grid), split over the workers; with a
+// log, writes its entries in superpixel order.
+void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettings* settings,
+                 const uint8_t* map, const uint8_t* selection, const uint8_t* texture,
+                 EmbedLog* log);
 
+// Embeds the superpixels of one worker's range.
 void embed_worker(EmbedTask* task);
 
 }  // namespace lumamark

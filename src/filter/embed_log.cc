@@ -83,9 +83,10 @@ EmbedLog* embed_log_open(const char* path, int32_t sp_w, int32_t sp_h, int32_t b
 
 void embed_log_add(EmbedLog* log, const uint8_t* luma, int32_t sx, int32_t sy, int32_t value,
                    int32_t signal) {
-  const int32_t extr = signal_measure(luma, wrap_mul(sx, log->sp_w), wrap_mul(sy, log->sp_h),
-                                      log->sp_w, log->sp_h, log->stride, log->border_w,
-                                      log->border_h);
+  // The measure reads no frame size.
+  const FrameGeometry geometry{0, 0, log->stride, log->sp_w, log->sp_h, log->border_w, log->border_h};
+  const int32_t extr =
+      signal_measure(luma, &geometry, wrap_mul(sx, log->sp_w), wrap_mul(sy, log->sp_h));
   embed_log_add_measured(log, sx, sy, value, signal, extr);
 }
 

@@ -182,7 +182,6 @@ void wm_filter_free(WatermarkFilter* f) {
   std::free(f->indexes);
   std::free(f->map);
   std::free(f->texture_map);
-  std::free(f->integral);
   std::free(f->log_path);
   std::free(f);
 }

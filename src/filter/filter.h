@@ -34,8 +34,6 @@ struct WatermarkFilter {
   size_t map_cap;              // bytes allocated for map
   uint8_t* texture_map;        // texture map, width x height bytes (pm_mode 3)
   size_t texture_map_cap;      // bytes allocated for texture_map
-  uint32_t* integral;          // integral image, (width + 1) x (height + 1) cells (pm_mode 3)
-  size_t integral_cap;         // bytes allocated for integral
   int32_t pm_mode;             // perceptual mode 0..3
   char* log_path;              // embedding log path, or null for no log
   int32_t threads;             // worker threads; 0 or less = online processors

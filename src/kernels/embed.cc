@@ -32,20 +32,6 @@ inline int32_t amplitude(int8_t byte, const int32_t small[8]) {
 
 }  // namespace
 
-void border_attenuation(int32_t m, int32_t small[8]) {
-  if (m < 1000) {
-    // A flat border: every non-zero amplitude is cut to 1.
-    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
-    return;
-  }
-  if (m >= 5000) return;  // identity from 5000 upwards
-  const int32_t c = 5 - m / 1000;  // 4 (1000..1999) down to 1 (4000..4999)
-  for (int32_t k = 1; k <= 4; ++k) small[k] = c * k / 5;
-  small[5] = c;
-  small[6] = 6 * c / 5;
-  small[7] = 7 * c / 5;
-}
-
 int32_t block_ssd(const uint8_t* block, int32_t w, int32_t h, int32_t stride) {
   if (h < 1 || w < 1) return 0;
   const int32_t area = wrap_mul(w, h);
@@ -98,12 +84,16 @@ void attenuation_table(const uint8_t* luma, int32_t x, int32_t y, int32_t stride
   }
 }
 
-int32_t embed_superpixel(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
-                         int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h, int32_t value,
-                         int32_t frame_w, int32_t frame_h, const int8_t* pattern,
+int32_t embed_superpixel(uint8_t* luma, const FrameGeometry* geometry, int32_t x, int32_t y,
+                         int32_t step, int32_t value, const int8_t* pattern,
                          const uint8_t* texture, int32_t pm_mode) {
-  const int32_t bw = border_or_default(spb_w, sp_w);
-  const int32_t bh = border_or_default(spb_h, sp_h);
+  const int32_t stride = geometry->stride;
+  const int32_t sp_w = geometry->sp_w;
+  const int32_t sp_h = geometry->sp_h;
+  const int32_t frame_w = geometry->width;
+  const int32_t frame_h = geometry->height;
+  const int32_t bw = border_or_default(geometry->border_w, sp_w);
+  const int32_t bh = border_or_default(geometry->border_h, sp_h);
   const int32_t sign = value < 0 ? -1 : 1;
 
   // Attenuation table entries 0..7; 8 and above are the identity.

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "kernels/geometry.h"
+
 namespace lumamark {
 
 // Sum of squared deviations of a w x h block from its integer mean (32-bit,
@@ -12,8 +14,21 @@ int32_t block_ssd(const uint8_t* block, int32_t w, int32_t h, int32_t stride);
 
 // Entries 1..7 of the attenuation table after the border analysis of mode 2;
 // m is the smallest sum of squared deviations of the four border strips.
-// Entries are left alone from 5000 upwards.
-void border_attenuation(int32_t m, int32_t small[8]);
+// Entries are left alone from 5000 upwards. constexpr, so that the vector
+// kernels' tables of it are built at compile time, not by start-up code.
+constexpr void border_attenuation(int32_t m, int32_t small[8]) {
+  if (m < 1000) {
+    // A flat border: every non-zero amplitude is cut to 1.
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+    return;
+  }
+  if (m >= 5000) return;  // identity from 5000 upwards
+  const int32_t c = 5 - m / 1000;  // 4 (1000..1999) down to 1 (4000..4999)
+  for (int32_t k = 1; k <= 4; ++k) small[k] = c * k / 5;
+  small[5] = c;
+  small[6] = 6 * c / 5;
+  small[7] = 7 * c / 5;
+}
 
 // Entries 0..7 of the attenuation table of the superpixel at (x, y) for
 // pm_mode (entries 8 and above are always the identity); bw and bh are the
@@ -21,13 +36,15 @@ void border_attenuation(int32_t m, int32_t small[8]);
 void attenuation_table(const uint8_t* luma, int32_t x, int32_t y, int32_t stride, int32_t sp_w,
                        int32_t sp_h, int32_t bw, int32_t bh, int32_t pm_mode, int32_t small[8]);
 
-// Embeds one superpixel whose top-left sample is (x, y). Only the sign of
-// value is used (0 counts as positive). pattern holds sp_w x sp_h signed bytes;
-// texture is the frame_w x frame_h texture map or null. Returns the sum of the
-// changes actually made after clamping to 0..255.
-int32_t embed_superpixel(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
-                         int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h, int32_t value,
-                         int32_t frame_w, int32_t frame_h, const int8_t* pattern,
-                         const uint8_t* texture, int32_t pm_mode);
+// Embeds one superpixel whose top-left sample is (x, y) of the frame that
+// geometry describes. Only the sign of value is used (0 counts as positive).
+// pattern holds sp_w x sp_h signed bytes; texture is the width x height
+// texture map or null. Returns the sum of the changes actually made after
+// clamping to 0..255.
+using EmbedSuperpixelKernel = int32_t(uint8_t* luma, const FrameGeometry* geometry, int32_t x,
+                                      int32_t y, int32_t step, int32_t value,
+                                      const int8_t* pattern, const uint8_t* texture,
+                                      int32_t pm_mode);
+EmbedSuperpixelKernel embed_superpixel;
 
 }  // namespace lumamark

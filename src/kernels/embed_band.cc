@@ -11,9 +11,8 @@ void embed_band(const EmbedBand* b) {
   for (int32_t i = 0; i < b->count; ++i) {
     const EmbedItem& item = b->items[i];
     if (item.pattern == nullptr) continue;
-    embed_superpixel(b->luma, b->first_x + i * b->sp_w, b->y, 1, b->stride, b->sp_w, b->sp_h,
-                     b->border_w, b->border_h, item.value, b->frame_w, b->frame_h, item.pattern,
-                     b->texture, b->pm_mode);
+    embed_superpixel(b->luma, b->geometry, b->first_x + i * b->geometry->sp_w, b->y, 1, item.value,
+                     item.pattern, b->texture, b->pm_mode);
   }
 }
 

@@ -5,10 +5,10 @@
 
 namespace lumamark {
 
-inline int32_t imin(int32_t a, int32_t b) { return a < b ? a : b; }
-inline int32_t imax(int32_t a, int32_t b) { return a > b ? a : b; }
+constexpr int32_t imin(int32_t a, int32_t b) { return a < b ? a : b; }
+constexpr int32_t imax(int32_t a, int32_t b) { return a > b ? a : b; }
 // The upper bound is applied first, then the lower one.
-inline int32_t iclamp(int32_t v, int32_t lo, int32_t hi) { return imax(imin(v, hi), lo); }
+constexpr int32_t iclamp(int32_t v, int32_t lo, int32_t hi) { return imax(imin(v, hi), lo); }
 
 // Wrapping 32-bit arithmetic without signed overflow: the operands are
 // reinterpreted as unsigned, combined, and the low 32 bits read back as signed.

@@ -64,10 +64,12 @@ int32_t measure_inner(const uint8_t* base, ptrdiff_t pitch, int32_t sp_w, int32_
 
 }  // namespace
 
-int32_t signal_measure(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, int32_t sp_h,
-                       int32_t stride, int32_t spb_w, int32_t spb_h) {
-  const int32_t bw = border_or_default(spb_w, sp_w);
-  const int32_t bh = border_or_default(spb_h, sp_h);
+int32_t signal_measure(const uint8_t* luma, const FrameGeometry* geometry, int32_t x, int32_t y) {
+  const int32_t sp_w = geometry->sp_w;
+  const int32_t sp_h = geometry->sp_h;
+  const int32_t stride = geometry->stride;
+  const int32_t bw = border_or_default(geometry->border_w, sp_w);
+  const int32_t bh = border_or_default(geometry->border_h, sp_h);
   // Borders of half the side or more leave no inner area. Twice the border is
   // formed in 64 bits: for a border near the 32-bit limit it would wrap into
   // a small inner size and send the reads far outside the superpixel.
@@ -90,10 +92,10 @@ int32_t signal_measure(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, 
 void signal_measure_grid(const uint8_t* luma, int32_t cols, int32_t rows, int32_t* out,
                          int32_t stride, int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h) {
   if (rows < 1 || cols < 1) return;
+  const FrameGeometry geometry{cols * sp_w, rows * sp_h, stride, sp_w, sp_h, spb_w, spb_h};
   for (int32_t r = 0; r < rows; ++r) {
     for (int32_t c = 0; c < cols; ++c) {
-      out[static_cast<ptrdiff_t>(r) * cols + c] =
-          signal_measure(luma, c * sp_w, r * sp_h, sp_w, sp_h, stride, spb_w, spb_h);
+      out[static_cast<ptrdiff_t>(r) * cols + c] = signal_measure(luma, &geometry, c * sp_w, r * sp_h);
     }
   }
 }

@@ -4,12 +4,16 @@
 
 #include <cstdint>
 
+#include "kernels/geometry.h"
+
 namespace lumamark {
 
-// Sum of the residuals of every inner pixel against its best border
-// prediction (32-bit, wrapping). Borders below 1 mean max(size / 8, 1).
-int32_t signal_measure(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, int32_t sp_h,
-                       int32_t stride, int32_t spb_w, int32_t spb_h);
+// Sum of the residuals of every inner pixel of the superpixel whose top-left
+// sample is (x, y) against its best border prediction (32-bit, wrapping).
+// Reads the stride, superpixel side and border of the geometry only.
+using SignalMeasureKernel = int32_t(const uint8_t* luma, const FrameGeometry* geometry, int32_t x,
+                                    int32_t y);
+SignalMeasureKernel signal_measure;
 
 // out[r * cols + c] = signal_measure of superpixel (c, r). Nothing is done when
 // cols or rows is below 1.

@@ -29,10 +29,13 @@ void texture_integral(const uint8_t* src, int32_t width, int32_t height, int32_t
 // Computes map rows [first_row, end_row) of one record.
 void texture_rows(const TextureRows* rows);
 
+// The signature of the texture kernels that work without an integral image.
+using TextureRowsKernel = void(const TextureRows* rows);
+
 // The same rows without an integral image (rows->integral is not read): the
 // vertical window sums are kept per column and moved down row by row. Every
 // row of the range is computed, whatever rows->needed says, so that this
 // kernel is a reference for the ones that skip rows.
-void texture_rows_direct(const TextureRows* rows);
+TextureRowsKernel texture_rows_direct;
 
 }  // namespace lumamark

@@ -13,9 +13,9 @@
 #include "filter/embed_driver.h"
 #include "filter/embed_log.h"
 #include "filter/filter.h"
-#include "filter/parallel.h"
+#include "common/parallel.h"
 #include "filter/seed.h"
-#include "filter/selection.h"
+#include "payload/selection.h"
 #include "filter_test_util.h"
 #include "kernels/dispatch.h"
 #include "kernels/prng.h"
@@ -172,8 +172,9 @@ TEST(EmbedDriver, LogWrittenByTheWorkersEqualsTheOrderedLog) {
   for (int32_t border : {-1, 0}) {
     std::vector<uint8_t> frame = before;
     EmbedLog* log = embed_log_open(path.c_str(), 8, 8, 0, 0, 1, 64);
-    embed_frame(frame.data(), 64, 48, 64, 100, 3, 1, map.data(), selection.data(), 1, 8, 8, border,
-                border, 2, nullptr, log, border == 0 ? 5 : 1);
+    const FrameGeometry geometry{64, 48, 64, 8, 8, border, border};
+    const EmbedSettings settings{100, 3, 1, 1, 2, border == 0 ? 5 : 1};
+    embed_frame(frame.data(), &geometry, &settings, map.data(), selection.data(), nullptr, log);
     EXPECT_NE(before, frame);
     embed_log_finish(log);
     logs[border + 1] = test::read_file(path);

@@ -25,8 +25,8 @@ TEST(Embed, AmplitudesAndClamping) {
     std::vector<int8_t> pat(64, 0);
     f[9] = c.before;
     pat[9] = c.p;
-    EXPECT_EQ(c.change, embed_superpixel(f.data(), 0, 0, 1, 8, 8, 8, 0, 0, c.value, 8, 8, pat.data(),
-                                         nullptr, c.pm))
+    const FrameGeometry g{8, 8, 8, 8, 8, 0, 0};
+    EXPECT_EQ(c.change, embed_superpixel(f.data(), &g, 0, 0, 1, c.value, pat.data(), nullptr, c.pm))
         << int{c.p} << " value " << c.value << " pm " << c.pm;
     EXPECT_EQ(c.before + c.change, f[9]);
     f[9] = 100;
@@ -56,7 +56,8 @@ TEST(Embed, BorderActivityBands) {
     }
     ASSERT_EQ(c.m, block_ssd(f.data(), 16, 4, 16));
     const std::vector<uint8_t> before = f;
-    embed_superpixel(f.data(), 0, 0, 1, 16, 16, 16, 2, 2, 1, 16, 16, pat.data(), nullptr, 2);
+    const FrameGeometry g{16, 16, 16, 16, 16, 2, 2};
+    embed_superpixel(f.data(), &g, 0, 0, 1, 1, pat.data(), nullptr, 2);
     for (int p = 1; p <= 7; ++p) {
       const int i = 6 * 16 + 4 + p;
       EXPECT_EQ(c.amp[p - 1], f[i] - before[i]) << "m " << c.m << " p " << p;

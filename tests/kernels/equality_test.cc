@@ -73,9 +73,10 @@ TEST(KernelEquality, SignalMeasure) {
     const int32_t x = rng() % 9, y = rng() % 4, stride = x + sp_w + rng() % 5;
     const Bytes plane = picture(static_cast<size_t>(stride) * (y + sp_h), rng);
     const uint8_t* p = plane.data() + kGuard;
-    const int32_t want = signal_measure(p, x, y, sp_w, sp_h, stride, bw, bh);
+    const FrameGeometry g{x + sp_w, y + sp_h, stride, sp_w, sp_h, bw, bh};
+    const int32_t want = signal_measure(p, &g, x, y);
     for (const KernelTable* t : tables()) {
-      ASSERT_EQ(want, t->signal_measure(p, x, y, sp_w, sp_h, stride, bw, bh))
+      ASSERT_EQ(want, t->signal_measure(p, &g, x, y))
           << t->name << " sp " << sp_w << "x" << sp_h << " borders " << bw << "," << bh;
     }
   }
@@ -140,13 +141,13 @@ TEST(KernelEquality, EmbedSuperpixelAndRuns) {
       if (rng() % 7 == 0) item.id = -1;  // not prepared: worked out on the spot
       item.value = rng() % 5 ? static_cast<int32_t>(rng() % 601) - 300 : 0;
     }
+    const FrameGeometry g{frame_w, frame_h, stride, sp_w, sp_h, border_w, border_h};
     const auto one_by_one = [&](EmbedSuperpixelFn fn, Bytes& plane) {
       std::vector<int32_t> sums;
       for (int32_t i = 0; i < count; ++i) {
         if (items[i].pattern == nullptr) continue;
-        sums.push_back(fn(plane.data() + kGuard, first_x + i * sp_w, y, 1, stride, sp_w, sp_h,
-                          border_w, border_h, items[i].value, frame_w, frame_h, items[i].pattern,
-                          tex, pm));
+        sums.push_back(fn(plane.data() + kGuard, &g, first_x + i * sp_w, y, 1, items[i].value,
+                          items[i].pattern, tex, pm));
       }
       return sums;
     };
@@ -170,8 +171,7 @@ TEST(KernelEquality, EmbedSuperpixelAndRuns) {
       for (int variant = 0; variant < 4; ++variant) {
         got = frame;
         const Bytes& prep = prepared[variant == 3 ? 1 : 0];
-        const EmbedBand band{got.data() + kGuard, stride, frame_w, frame_h, sp_w, sp_h, border_w,
-                             border_h, y, first_x, count, items.data(), tex, pm,
+        const EmbedBand band{got.data() + kGuard, &g, y, first_x, count, items.data(), tex, pm,
                              variant == 1 ? nullptr : scratch.data(),
                              variant == 2 || prep.empty() ? nullptr : prep.data()};
         t->embed_band(&band);

@@ -77,7 +77,10 @@ TEST(Pattern, DensityLimitsAndDottedEdges) {
 
 TEST(Measure, WorkedValuesAndGrid) {
   std::vector<uint8_t> sp(16 * 16, 90);
-  const auto measure = [&](int32_t bw, int32_t bh) { return signal_measure(sp.data(), 0, 0, 16, 16, 16, bw, bh); };
+  const auto measure = [&](int32_t bw, int32_t bh) {
+    const FrameGeometry g{16, 16, 16, 16, 16, bw, bh};
+    return signal_measure(sp.data(), &g, 0, 0);
+  };
   EXPECT_EQ(0, measure(0, 0));
   // The default border of a 16-pixel side is 2: the inner area is 12 x 12.
   for (int r = 2; r < 14; ++r) std::fill_n(&sp[r * 16 + 2], 12, 93);
@@ -94,8 +97,9 @@ TEST(Measure, WorkedValuesAndGrid) {
   signal_measure_grid(plane.data(), 3, 2, grid.data() + 1, 50, 16, 16, 3, 0);
   EXPECT_EQ(0x5A5A5A5A, grid.front());
   EXPECT_EQ(0x5A5A5A5A, grid.back());
+  const FrameGeometry g{48, 32, 50, 16, 16, 3, 0};
   for (int i = 0; i < 6; ++i) {
-    EXPECT_EQ(signal_measure(plane.data(), i % 3 * 16, i / 3 * 16, 16, 16, 50, 3, 0), grid[1 + i]);
+    EXPECT_EQ(signal_measure(plane.data(), &g, i % 3 * 16, i / 3 * 16), grid[1 + i]);
   }
 }
 

@@ -27,16 +27,19 @@ inline uint32_t nonzero_bits(__m128i bytes, int32_t n) {
 
 }  // namespace
 
-int32_t embed_superpixel_avx2(uint8_t* luma, int32_t x, int32_t y, int32_t step, int32_t stride,
-                              int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h,
-                              int32_t value, int32_t frame_w, int32_t frame_h,
-                              const int8_t* pattern, const uint8_t* texture, int32_t pm_mode) {
+int32_t embed_superpixel_avx2(uint8_t* luma, const FrameGeometry* geometry, int32_t x, int32_t y,
+                              int32_t step, int32_t value, const int8_t* pattern,
+                              const uint8_t* texture, int32_t pm_mode) {
+  const int32_t stride = geometry->stride;
+  const int32_t sp_w = geometry->sp_w;
+  const int32_t sp_h = geometry->sp_h;
+  const int32_t frame_w = geometry->width;
+  const int32_t frame_h = geometry->height;
   if (step != 1 || sp_w < 1 || sp_w > kMaxWidth || sp_h > kMaxHeight) {
-    return embed_superpixel(luma, x, y, step, stride, sp_w, sp_h, spb_w, spb_h, value, frame_w,
-                            frame_h, pattern, texture, pm_mode);
+    return embed_superpixel(luma, geometry, x, y, step, value, pattern, texture, pm_mode);
   }
-  const int32_t bw = border_or_default(spb_w, sp_w);
-  const int32_t bh = border_or_default(spb_h, sp_h);
+  const int32_t bw = border_or_default(geometry->border_w, sp_w);
+  const int32_t bh = border_or_default(geometry->border_h, sp_h);
 
   // The attenuation table, exactly as the plain kernel sets it.
   int32_t small[8];

@@ -71,10 +71,12 @@ __m128i make_table(const int32_t small[8]) {
 
 // The attenuation tables that the border analysis can give, by band of the
 // smallest strip deviation: below 1000, 1000..4999 by thousands, 5000 on.
+// Built at compile time: this file is compiled for AVX2, and no code of it
+// may run before the processor check (a constructor run at start-up would).
 struct BorderTables {
-  alignas(16) uint8_t bytes[6][16];
+  alignas(16) uint8_t bytes[6][16] = {};
 
-  BorderTables() {
+  constexpr BorderTables() {
     const int32_t m_of_band[6] = {0, 1000, 2000, 3000, 4000, 5000};
     for (int band = 0; band < 6; ++band) {
       int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
@@ -89,7 +91,7 @@ struct BorderTables {
   __m128i at(int band) const { return _mm_load_si128(reinterpret_cast<const __m128i*>(bytes[band])); }
 };
 
-const BorderTables kBorderTables;
+constexpr BorderTables kBorderTables;
 
 // Sum of squared deviations from the truncated mean, from the sum and the
 // sum of squares of n samples (sum <= 255 n, so the mean divides exactly by
@@ -110,10 +112,10 @@ inline uint8_t* align64(uint8_t* p) {
 // above the bottom strip and all rows are summed over each strip's columns.
 void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t bw, int32_t bh,
                    uint32_t* sums) {
-  const int32_t sp_w = b->sp_w;
-  const int32_t sp_h = b->sp_h;
+  const int32_t sp_w = b->geometry->sp_w;
+  const int32_t sp_h = b->geometry->sp_h;
   const int32_t n = b->count * sp_w;
-  const ptrdiff_t stride = b->stride;
+  const ptrdiff_t stride = b->geometry->stride;
   const uint8_t* base = b->luma + static_cast<ptrdiff_t>(b->y) * stride + b->first_x;
   const size_t cells = static_cast<size_t>(n) + 64;
   // Column sums over all rows, the top strip and the rows above the bottom
@@ -268,7 +270,7 @@ void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t 
 // rnd + i * slot.
 void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot) {
   const EmbedItem* src = b->items;
-  const uint32_t frame = static_cast<uint32_t>(b->frame_w) ^ static_cast<uint32_t>(b->frame_h);
+  const uint32_t frame = static_cast<uint32_t>(b->geometry->width) ^ static_cast<uint32_t>(b->geometry->height);
   const uint32_t row_bits = static_cast<uint32_t>(b->y) << 16;
   const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
   for (int32_t i0 = 0; i0 < b->count; i0 += 8) {
@@ -279,9 +281,9 @@ void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot) {
     }
     if (steps == 0) continue;
     // x + 1 of the eight superpixels, wrapping like the scalar seed.
-    const uint32_t x1 = static_cast<uint32_t>(wrap_add(b->first_x + i0 * b->sp_w, 1));
+    const uint32_t x1 = static_cast<uint32_t>(wrap_add(b->first_x + i0 * b->geometry->sp_w, 1));
     const __m256i xs = _mm256_add_epi32(_mm256_set1_epi32(static_cast<int32_t>(x1)),
-                                        _mm256_mullo_epi32(lane, _mm256_set1_epi32(b->sp_w)));
+                                        _mm256_mullo_epi32(lane, _mm256_set1_epi32(b->geometry->sp_w)));
     __m256i s0 = _mm256_xor_si256(_mm256_set1_epi32(static_cast<int32_t>(row_bits ^ frame)), xs);
     __m256i s1 = _mm256_xor_si256(s0, _mm256_set1_epi32(static_cast<int32_t>(0xacbdef01u)));
     alignas(32) uint64_t out[8];
@@ -473,8 +475,8 @@ void build_rows(const BuildRows& b) {
 }  // namespace
 
 void embed_band_avx2(const EmbedBand* b) {
-  const int32_t sp_w = b->sp_w;
-  const int32_t sp_h = b->sp_h;
+  const int32_t sp_w = b->geometry->sp_w;
+  const int32_t sp_h = b->geometry->sp_h;
   const int32_t count = b->count;
   if (count < 1 || sp_w < 1 || sp_h < 1) return;
   // Rows are listed in a fixed array, and longer pattern rows gain nothing.
@@ -482,8 +484,8 @@ void embed_band_avx2(const EmbedBand* b) {
     embed_band(b);
     return;
   }
-  const int32_t bw = border_or_default(b->border_w, sp_w);
-  const int32_t bh = border_or_default(b->border_h, sp_h);
+  const int32_t bw = border_or_default(b->geometry->border_w, sp_w);
+  const int32_t bh = border_or_default(b->geometry->border_h, sp_h);
   const int32_t n = count * sp_w;
   const int32_t area = sp_w * sp_h;
   const bool perceptual = b->pm_mode == 3 && b->texture != nullptr;
@@ -572,12 +574,12 @@ void embed_band_avx2(const EmbedBand* b) {
     sp_w <= 8 ? build_rows<false, false, true>(rows) : build_rows<false, false, false>(rows);
   }
 
-  const ptrdiff_t stride = b->stride;
+  const ptrdiff_t stride = b->geometry->stride;
   for (int32_t u = 0; u < used_count; ++u) {
     const int32_t r = used[u];
     uint8_t* line = b->luma + (static_cast<ptrdiff_t>(b->y) + r) * stride + b->first_x;
     const uint8_t* tex =
-        perceptual ? b->texture + (static_cast<ptrdiff_t>(b->y) + r) * b->frame_w + b->first_x
+        perceptual ? b->texture + (static_cast<ptrdiff_t>(b->y) + r) * b->geometry->width + b->first_x
                    : nullptr;
     apply_row(line, amp_rows + static_cast<size_t>(r) * cells, rnd_rows + static_cast<size_t>(r) * cells,
               tex, n);

@@ -44,16 +44,19 @@ inline __m256i widened_from(__m128i row, __m128i shift) {
 
 }  // namespace
 
-int32_t signal_measure_avx2(const uint8_t* luma, int32_t x, int32_t y, int32_t sp_w, int32_t sp_h,
-                            int32_t stride, int32_t spb_w, int32_t spb_h) {
-  const int32_t bw = border_or_default(spb_w, sp_w);
-  const int32_t bh = border_or_default(spb_h, sp_h);
+int32_t signal_measure_avx2(const uint8_t* luma, const FrameGeometry* geometry, int32_t x,
+                            int32_t y) {
+  const int32_t sp_w = geometry->sp_w;
+  const int32_t sp_h = geometry->sp_h;
+  const int32_t stride = geometry->stride;
+  const int32_t bw = border_or_default(geometry->border_w, sp_w);
+  const int32_t bh = border_or_default(geometry->border_h, sp_h);
   // Borders of half the side or more leave no inner area (formed in 64
   // bits, as in the plain kernel).
   if (int64_t{2} * bw >= sp_w || int64_t{2} * bh >= sp_h) return 0;
   // Wider superpixels do not fit one register row; taller ones would need
   // divisors beyond small_divisor16.
-  if (sp_w > 16 || sp_h > 64) return signal_measure(luma, x, y, sp_w, sp_h, stride, spb_w, spb_h);
+  if (sp_w > 16 || sp_h > 64) return signal_measure(luma, geometry, x, y);
   const int32_t iw = sp_w - 2 * bw;
   const int32_t ih = sp_h - 2 * bh;
   const uint32_t nW = static_cast<uint32_t>(iw) + 1;

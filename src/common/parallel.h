@@ -1,5 +1,6 @@
-// Worker threads: the thread-count rules and a static split of work into
-// contiguous ranges, the first ranges one item longer.
+// Worker threads: the thread-count rules, a static split of work into
+// contiguous ranges (the first ranges one item longer) and the runner that
+// every threaded driver uses.
 #pragma once
 
 #include <cstdint>
@@ -33,5 +34,23 @@ void split_range(int32_t total, int32_t n, int32_t i, int32_t* first, int32_t* e
 // one on the calling thread. A worker whose thread cannot be started runs on
 // the calling thread instead. n of 1 runs inline.
 void run_workers(void (*fn)(void*), void* args, int32_t arg_size, int32_t n);
+
+// The pattern of every threaded driver: one Task per worker, filled by
+// fill(&task, first, end, i) for worker i's range [first, end) of total
+// items, then fn run on each task as run_workers does. n is clamped to
+// kMaxWorkers; nothing runs when it is below 1.
+template <typename Task, typename Fill>
+void run_split(void (*fn)(void*), int32_t n, int32_t total, Fill fill) {
+  if (n < 1) return;
+  if (n > kMaxWorkers) n = kMaxWorkers;
+  Task tasks[kMaxWorkers];
+  for (int32_t i = 0; i < n; ++i) {
+    int32_t first = 0;
+    int32_t end = 0;
+    split_range(total, n, i, &first, &end);
+    fill(&tasks[i], first, end, i);
+  }
+  run_workers(fn, tasks, static_cast<int32_t>(sizeof(Task)), n);
+}
 
 }  // namespace lumamark

@@ -1,6 +1,6 @@
 // The per-frame selection mask: a seeded random 0/1 pattern whose number of
 // ones is then corrected to exactly the requested share.
-#include "filter/selection.h"
+#include "payload/selection.h"
 
 #include <cstddef>
 #include <cstring>

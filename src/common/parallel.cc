@@ -1,6 +1,7 @@
 // Thread-count rules, static range split and the thread runner shared by the
-// embedding driver and the texture map.
-#include "filter/parallel.h"
+// embedding driver, the frame scan of the filter and the detector's
+// measurement.
+#include "common/parallel.h"
 
 #include <pthread.h>
 #include <unistd.h>
