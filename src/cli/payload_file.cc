@@ -7,11 +7,12 @@
 #include <limits>
 #include <utility>
 
+#include "payload/layout.h"
+
 namespace lumamark {
 namespace {
 
 constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
-constexpr int32_t kIndexRows = 16;
 // Large payloads are read in pieces of this size so that a short file fails
 // before the whole claimed size has been allocated.
 constexpr size_t kReadPiece = size_t{1} << 24;
@@ -89,7 +90,7 @@ bool read_payload_file(const std::string& path, int32_t fec, int32_t spb_width, 
     return fail(f, header_message, path);
   }
 
-  const int32_t n_sp = (width / sp) * (height / sp);  // fits: checked above
+  const int32_t n_sp = mark_grid(width, height, sp).cells;  // fits: checked above
   PayloadData data;
   data.width = width;
   data.height = height;
@@ -97,7 +98,7 @@ bool read_payload_file(const std::string& path, int32_t fec, int32_t spb_width, 
   if (fec == 0) {
     // The writer stored bits + (bits + 7) / 8; this undoes it.
     data.encoded_bit_count = count;
-    data.bits = count - (count + 8) / 9;
+    data.bits = mark_bits_of_length(count);
   } else {
     data.encoded_bit_count = n_sp;
     data.bits = count;
@@ -106,7 +107,7 @@ bool read_payload_file(const std::string& path, int32_t fec, int32_t spb_width, 
     return fail(f, "Failed to read payload map from: ", path);
   }
   if (fec == 0) {
-    const size_t size = static_cast<size_t>(data.encoded_bit_count) * kIndexRows;
+    const size_t size = static_cast<size_t>(mark_index_table_bytes(data.encoded_bit_count));
     if (!read_block(f, size, &data.indexes)) {
       return fail(f, "Failed to read payload indexes from: ", path);
     }

@@ -12,20 +12,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "payload/selection.h"
 #include "payload/fec.h"
-#include "payload/payload_map.h"
+#include "payload/layout.h"
 #include "payload/wm_id.h"
 
 namespace lumamark {
 
 namespace {
-
-// The index table as the embedder builds it: 16 rows, seed word 3.
-constexpr int32_t kIndexRows = 16;
-constexpr uint32_t kIndexSeedWord = 3;
-// The sign pattern's first seed word.
-constexpr uint32_t kSignSeedWord = 9;
 
 // Selection of one seed, spread over the repetitions exactly as a frame's
 // mask is spread by the embedder: with the index table symbol k of repetition
@@ -33,13 +26,10 @@ constexpr uint32_t kSignSeedWord = 9;
 // it every repetition copies the first L bytes. Cells past the last whole
 // repetition are never embedded.
 std::vector<uint8_t> selection_for_seed(const Detector& d, int32_t seed) {
-  const int32_t total = d.cells;
-  const int32_t L = d.length;
-  std::vector<uint8_t> mask(static_cast<size_t>(total), 0);
-  selection_mask(mask.data(), d.reps, L, d.config.sp_density, seed);
-  std::vector<uint8_t> sel(static_cast<size_t>(total), 0);
-  selection_spread(sel.data(), mask.data(), d.indexes.empty() ? nullptr : d.indexes.data(), total,
-                   L, d.reps);
+  std::vector<uint8_t> mask(static_cast<size_t>(d.cells), 0);
+  std::vector<uint8_t> sel(static_cast<size_t>(d.cells), 0);
+  mark_selection(d.layout, d.indexes.empty() ? nullptr : d.indexes.data(), d.config.sp_density,
+                 seed, mask.data(), sel.data());
   return sel;
 }
 
@@ -92,11 +82,12 @@ int32_t detector_init(Detector* d, const DetectConfig& c, std::string* error) {
 
   d->config = c;
   d->grid = SoftGrid{cols, rows, c.sp_width, c.spb_width};
-  d->cells = cols * rows;
-  const uint32_t seed = urn_hash(c.user_urn.c_str());
+  d->layout = mark_layout(c.width, c.height, c.sp_width, c.bit_profile, c.fec, c.user_urn.c_str());
+  d->cells = d->layout.cells;
+  d->length = d->layout.length;
+  d->reps = d->layout.reps;
+  const uint32_t seed = d->layout.urn_seed;
   if (c.fec == 2) {
-    d->length = d->cells;
-    d->reps = 1;
     if (c.bit_profile > d->length) {
       return bad("--bit-profile exceeds the " + std::to_string(d->length) +
                             " superpixels of the frame");
@@ -107,19 +98,17 @@ int32_t detector_init(Detector* d, const DetectConfig& c, std::string* error) {
     d->decisions.assign(d->plan.blocks.size(), RmBlockDecision{});
     d->indexes.clear();
   } else {
-    d->length = c.bit_profile + (c.bit_profile + 7) / 8;
-    d->reps = d->cells / d->length;
     if (d->reps < 1) {
       return bad("the frame holds no whole repetition of the " +
                             std::to_string(d->length) + " coded bits");
     }
-    d->indexes.assign(static_cast<size_t>(kIndexRows) * d->length, 0);
-    index_table_build(d->indexes.data(), kIndexRows, d->length, kIndexSeedWord);
+    d->indexes.assign(static_cast<size_t>(mark_index_table_bytes(d->length)), 0);
+    mark_index_table(d->layout, d->indexes.data());
   }
   d->bits.assign(static_cast<size_t>(c.bit_profile), '0');
 
   d->signs.assign(static_cast<size_t>(d->cells), 0);
-  sign_pattern_generate(d->signs.data(), c.strength, cols, rows, kSignSeedWord, seed);
+  mark_sign_pattern(d->layout, c.strength, d->signs.data());
 
   d->selections.clear();
   d->selection_seeds.clear();
@@ -205,8 +194,8 @@ std::string detector_expected_symbols(const Detector& d, const std::string& bits
   const std::string hex = bits_to_hex(bits);
   std::string cells(static_cast<size_t>(d.cells), '-');
   if (c.fec == 2) {
-    if (rm_encode_payload(cells.data(), hex.c_str(), c.bit_profile, d.length,
-                          urn_hash(c.user_urn.c_str())) != 0) {
+    if (rm_encode_payload(cells.data(), hex.c_str(), c.bit_profile, d.length, d.layout.urn_seed) !=
+        0) {
       return {};
     }
     return cells;
@@ -215,7 +204,7 @@ std::string detector_expected_symbols(const Detector& d, const std::string& bits
   if (coded == nullptr) return {};
   for (int32_t i = 0; i < d.reps; ++i) {
     for (int32_t j = 0; j < d.length; ++j) {
-      const uint8_t idx = d.indexes[static_cast<size_t>((i & 15) * d.length + j)];
+      const uint8_t idx = d.indexes[static_cast<size_t>((i % kIndexRows) * d.length + j)];
       cells[static_cast<size_t>(i) * d.length + j] = coded[idx];
     }
   }

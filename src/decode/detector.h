@@ -10,6 +10,7 @@
 #include "decode/parity_decode.h"
 #include "decode/rm_decode.h"
 #include "decode/soft_values.h"
+#include "payload/layout.h"
 
 namespace lumamark {
 
@@ -25,7 +26,7 @@ struct DetectConfig {
   int32_t seed = -1;          // superpixel seed; -1 = unknown (all 32 are tried)
   int32_t sp_density = 100;   // superpixel density in percent, 0..100
   int32_t threads = 1;        // measuring threads; 0 = one per online processor
-  std::string user_urn = "00000000000000000000000000000000";  // user organisation URN
+  std::string user_urn = kNeutralUrn;  // user organisation URN
 };
 
 // Verdict thresholds on z.
@@ -56,9 +57,10 @@ struct FrameScore {
 struct Detector {
   DetectConfig config;                  // settings it was built with
   SoftGrid grid;                        // superpixel grid
-  int32_t cells = 0;                    // cols x rows
-  int32_t length = 0;                   // coded symbols L
-  int32_t reps = 0;                     // whole repetitions of the coded string in the grid
+  MarkLayout layout;                    // the mark's layout: grid, coded length, seeds
+  int32_t cells = 0;                    // cols x rows (layout.cells)
+  int32_t length = 0;                   // coded symbols L (layout.length)
+  int32_t reps = 0;                     // whole repetitions of the coded string (layout.reps)
   std::vector<int8_t> signs;            // sign pattern, one value per superpixel
   RmDecodePlan plan;                    // FEC 2 decoding plan
   std::vector<uint8_t> indexes;         // FEC 0 index table, 16 x L
@@ -67,16 +69,16 @@ struct Detector {
   std::vector<double> sum;              // weighted sum of the soft values, one per cell
   std::vector<FrameScore> scores;       // one per frame added
   // Work buffers.
-  std::vector<int32_t> measures;
-  std::vector<float> soft;
-  std::vector<float> masked;
-  std::vector<float> best;
-  std::vector<float> decode_in;
-  SoftScratch soft_scratch;
-  RmDecodeScratch rm_scratch;
-  std::vector<RmBlockDecision> decisions;
-  ParityDecision parity;
-  std::string bits;
+  std::vector<int32_t> measures;        // signal_measure of every cell of the current frame
+  std::vector<float> soft;              // soft values of the current frame
+  std::vector<float> masked;            // soft values under one candidate selection
+  std::vector<float> best;              // the frame's soft values under its best selection
+  std::vector<float> decode_in;         // input of the current decode
+  SoftScratch soft_scratch;             // work space of soft_values
+  RmDecodeScratch rm_scratch;           // work space of the Reed-Muller decoder
+  std::vector<RmBlockDecision> decisions;  // FEC 2: the last decode's block decisions
+  ParityDecision parity;                // FEC 0: the last decode's decision
+  std::string bits;                     // the last decode's payload bits
 };
 
 // Checks the settings and builds the tables. 0, or -1 with a message in *error.

@@ -8,6 +8,7 @@
 #include <cstddef>
 
 #include "payload/fec.h"
+#include "payload/layout.h"
 
 namespace lumamark {
 
@@ -21,7 +22,7 @@ bool parity_decode(const float* soft, int32_t reps, const uint8_t* indexes, int3
   out->soft.assign(static_cast<size_t>(L), 0.0);
   std::vector<double> energy(static_cast<size_t>(L), 0.0);
   for (int32_t i = 0; i < reps; ++i) {
-    const uint8_t* row = indexes + static_cast<ptrdiff_t>(i & 15) * L;
+    const uint8_t* row = indexes + static_cast<ptrdiff_t>(i % kIndexRows) * L;
     const float* cells = soft + static_cast<ptrdiff_t>(i) * L;
     for (int32_t j = 0; j < L; ++j) {
       const int32_t bit = row[j];

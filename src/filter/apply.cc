@@ -15,11 +15,10 @@
 #include "filter/embed_log.h"
 #include "filter/filter.h"
 #include "filter/seed.h"
-#include "payload/selection.h"
 #include "kernels/dispatch.h"
-#include "kernels/intmath.h"
 #include "kernels/pattern.h"
 #include "kernels/texture.h"
+#include "payload/layout.h"
 
 namespace lumamark {
 
@@ -112,10 +111,12 @@ void scan_frame(const WatermarkFilter* f, const uint8_t* luma, int32_t stride, b
 int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_t height,
                         int32_t stride, int32_t seed) {
   if (f->sp_size < 1) return -1;
-  const int32_t cols = f->width / f->sp_size;
-  const int32_t rows = f->height / f->sp_size;
+  MarkLayout layout = mark_grid(f->width, f->height, f->sp_size);
+  const int32_t cols = layout.cols;
+  const int32_t rows = layout.rows;
   if (cols < 1 || rows < 1) return -1;
-  const int32_t total = wrap_mul(cols, rows);
+  // A count that wrapped below zero asks for more than can be allocated.
+  const int32_t total = layout.cells;
   const size_t total_bytes = static_cast<size_t>(static_cast<int64_t>(total));
   if (!grow_buffer(&f->map, &f->map_cap, total_bytes)) return -1;
   if (!grow_buffer(&f->pattern_values, &f->pattern_values_cap, total_bytes)) return -1;
@@ -161,12 +162,10 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
                          stride);
   }
 
-  const int32_t length = f->encoded_bit_count;
   // Whole repetitions of the coded payload that fit in the grid (none for a
-  // coded length below 1).
-  const int32_t reps = length >= 1 ? total / length : 0;
-  selection_mask(mask, reps, length >= 1 ? length : 0, f->sp_density, s);
-  selection_spread(selection, mask, f->indexes, total, length >= 1 ? length : 0, reps);
+  // coded length below 1), each with its share of the frame's selection.
+  mark_set_length(&layout, f->encoded_bit_count);
+  mark_selection(layout, f->indexes, f->sp_density, s, mask, selection);
   std::free(mask);
 
   const FrameGeometry geometry{f->width,   f->height,  stride,     f->sp_size,

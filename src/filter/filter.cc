@@ -8,6 +8,8 @@
 
 #include "kernels/intmath.h"
 #include "payload/fec.h"
+#include "payload/layout.h"
+#include "payload/payload_map.h"
 #include "payload/wm_id.h"
 
 namespace lumamark {
@@ -29,28 +31,12 @@ int32_t safe_div(int32_t a, int32_t b) {
   return a / b;
 }
 
-// The superpixel grid of a frame; a superpixel side below 1 gives no grid.
-struct SpGrid {
-  int32_t cols;   // superpixel columns
-  int32_t rows;   // superpixel rows
-  int32_t count;  // cols x rows, 32-bit
-};
-
-SpGrid sp_grid(int32_t width, int32_t height, int32_t sp_size) {
-  SpGrid g{0, 0, 0};
-  if (sp_size < 1) return g;
-  g.cols = width / sp_size;
-  g.rows = height / sp_size;
-  g.count = wrap_mul(g.cols, g.rows);
-  return g;
-}
-
 // Bytes of one byte per superpixel: the 32-bit count widened (a count that
 // wrapped to a negative value asks for more than can be allocated).
-size_t grid_bytes(const SpGrid& g) { return static_cast<size_t>(static_cast<int64_t>(g.count)); }
+size_t grid_bytes(const MarkLayout& g) { return static_cast<size_t>(static_cast<int64_t>(g.cells)); }
 
 size_t index_table_bytes(int32_t encoded_bit_count) {
-  return static_cast<size_t>(static_cast<int64_t>(encoded_bit_count) * 16);
+  return static_cast<size_t>(mark_index_table_bytes(encoded_bit_count));
 }
 
 template <typename T>
@@ -115,13 +101,8 @@ int32_t wm_filter_init(WatermarkFilter* f, int32_t strength, int32_t sp_size, in
   f->fec_mode = fec_mode;
   f->pm_mode = pm_mode;
 
-  const SpGrid grid = sp_grid(width, height, sp_size);
-  if (fec_mode != 0) {
-    f->encoded_bit_count = grid.count;
-  } else {
-    // One parity symbol per started group of eight bits.
-    f->encoded_bit_count = wrap_add(bit_count, wrap_add(bit_count, 7) / 8);
-  }
+  const MarkLayout grid = mark_grid(width, height, sp_size);
+  f->encoded_bit_count = mark_coded_length(bit_count, fec_mode, grid.cells);
 
   std::free(f->wm_id);
   f->wm_id = copy_text(wm_id);
@@ -154,7 +135,7 @@ void wm_filter_set_payload(WatermarkFilter* f, const uint8_t* map, const uint8_t
   f->width = width;
   f->height = height;
 
-  const SpGrid grid = sp_grid(width, height, sp_size);
+  const MarkLayout grid = mark_grid(width, height, sp_size);
   if (grid.cols < 1 || grid.rows < 1) return;
   if (!grow_buffer(&f->map, &f->map_cap, grid_bytes(grid))) return;
   if (!grow_buffer(&f->pattern_values, &f->pattern_values_cap, grid_bytes(grid))) return;
@@ -166,6 +147,16 @@ void wm_filter_set_payload(WatermarkFilter* f, const uint8_t* map, const uint8_t
   if (indexes != nullptr && f->indexes != nullptr) {
     std::memcpy(f->indexes, indexes, index_table_bytes(encoded_bit_count));
   }
+}
+
+void wm_generate_payload_map(WatermarkFilter* filter, uint8_t* map, const char* urn,
+                             uint8_t* indexes) {
+  MarkLayout layout = mark_grid(filter->width, filter->height, filter->sp_size);
+  mark_set_length(&layout, filter->encoded_bit_count);
+  mark_set_urn(&layout, urn);
+  payload_map_generate(layout, filter->strength, filter->fec_mode, filter->wm_id,
+                       filter->fec_bit_count, filter->coded_bits, filter->pattern_values, map,
+                       indexes);
 }
 
 void wm_filter_set_log_path(WatermarkFilter* f, const char* path) {

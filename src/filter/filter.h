@@ -54,9 +54,16 @@ void wm_filter_set_payload(WatermarkFilter* f, const uint8_t* map, const uint8_t
                            int32_t encoded_bit_count, int32_t sp_size, int32_t width,
                            int32_t height);
 
+// Builds the payload map (cols x rows bytes) and, when indexes is not null,
+// the index table from the filter's settings and the URN (see
+// payload_map_generate, which this feeds with the filter's layout).
+void wm_generate_payload_map(WatermarkFilter* filter, uint8_t* map, const char* urn,
+                             uint8_t* indexes);
+
 // Keeps a private copy of path; null removes the log.
 void wm_filter_set_log_path(WatermarkFilter* f, const char* path);
 
+// Sets the worker thread count (0 or less = online processors).
 void wm_filter_set_threads(WatermarkFilter* f, int32_t n);
 
 // Embeds the watermark into one luma plane in place. 0, or -1.

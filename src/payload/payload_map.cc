@@ -7,20 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
-#include "filter/filter.h"
 #include "kernels/intmath.h"
 #include "kernels/prng.h"
+#include "payload/layout.h"
 #include "payload/fec.h"
 #include "payload/wm_id.h"
 
 namespace lumamark {
-
-namespace {
-
-// The default URN; it keeps the sign pattern on the fixed seed (9, 0).
-constexpr char kNeutralUrn[] = "00000000000000000000000000000000";
-
-}  // namespace
 
 void sign_pattern_generate(int8_t* out, int32_t strength, int32_t cols, int32_t rows, uint32_t s0,
                            uint32_t s1) {
@@ -75,37 +68,30 @@ void index_table_build(uint8_t* table, int32_t rows, int32_t L, uint32_t w) {
   }
 }
 
-void wm_generate_payload_map(WatermarkFilter* filter, uint8_t* map, const char* urn,
-                             uint8_t* indexes) {
-  const int32_t sp = filter->sp_size;
-  const int32_t cols = sp > 0 ? filter->width / sp : 0;
-  const int32_t rows = sp > 0 ? filter->height / sp : 0;
-  const int32_t n = imax(wrap_mul(cols, rows), 0);
-  const int32_t L = filter->encoded_bit_count;
-  // An empty coded string (refused by the filter's initialisation) repeats
-  // zero times instead of dividing by zero.
-  const int32_t reps = L > 0 ? n / L : 0;
-  const uint32_t seed = urn_hash(urn);
+void payload_map_generate(const MarkLayout& layout, int32_t strength, int32_t fec_mode,
+                          const char* wm_id, int32_t bit_count, char* coded, int8_t* signs,
+                          uint8_t* map, uint8_t* indexes) {
+  const int32_t n = imax(layout.cells, 0);
+  const int32_t L = layout.length;
+  const int32_t reps = layout.reps;
 
-  if (filter->fec_mode == 2) {
-    if (rm_encode_payload(filter->coded_bits, filter->wm_id, filter->fec_bit_count, L, seed) < 0) {
+  if (fec_mode == 2) {
+    if (rm_encode_payload(coded, wm_id, bit_count, L, layout.urn_seed) < 0) {
       std::fputs("Failed to generate payload\n", stderr);
       return;
     }
   }
 
-  const uint32_t s1 = (urn != nullptr && std::strcmp(urn, kNeutralUrn) == 0) ? 0u : seed;
-  int8_t* pattern = filter->pattern_values;
-  if (pattern == nullptr && n > 0) return;  // the filter could not size its buffers
-  sign_pattern_generate(pattern, filter->strength, cols, rows, 9u, s1);
+  int8_t* pattern = signs;
+  if (pattern == nullptr && n > 0) return;  // the caller could not size its buffers
+  mark_sign_pattern(layout, strength, pattern);
 
-  if (indexes != nullptr) index_table_build(indexes, 16, L, 3u);
+  if (indexes != nullptr) mark_index_table(layout, indexes);
 
-  const uint8_t b = static_cast<uint8_t>(filter->strength);
-  const char* coded = filter->coded_bits;
+  const uint8_t b = static_cast<uint8_t>(strength);
   if (coded == nullptr && reps > 0) return;  // no coded string to spread
   for (int32_t i = 0; i < reps; ++i) {
-    const uint8_t* row = indexes != nullptr ? indexes + static_cast<size_t>(i % 16) * L : nullptr;
+    const uint8_t* row = indexes != nullptr ? indexes + static_cast<size_t>(i % kIndexRows) * L : nullptr;
     for (int32_t j = 0; j < L; ++j) {
       const size_t c = static_cast<size_t>(i) * L + j;
       const char bit = row != nullptr ? coded[row[j]] : coded[j];

@@ -5,13 +5,16 @@
 
 namespace lumamark {
 
-struct WatermarkFilter;
+struct MarkLayout;
 
-// Builds the map (cols x rows bytes) and, when indexes is not null, the 16-row
-// index table from the filter's settings and the URN. On a Reed-Muller failure
-// prints "Failed to generate payload\n" to standard error and builds nothing.
-void wm_generate_payload_map(WatermarkFilter* filter, uint8_t* map, const char* urn,
-                             uint8_t* indexes);
+// Builds the map (cells bytes of the layout) and, when indexes is not null,
+// the index table. coded holds the layout's length of coded symbols; in FEC
+// mode 2 the Reed-Muller encoder first fills it from wm_id and bit_count
+// (on failure "Failed to generate payload\n" goes to standard error and
+// nothing is built). signs is work space for the sign pattern, cells bytes.
+void payload_map_generate(const MarkLayout& layout, int32_t strength, int32_t fec_mode,
+                          const char* wm_id, int32_t bit_count, char* coded, int8_t* signs,
+                          uint8_t* map, uint8_t* indexes);
 
 // Signed magnitudes in [-strength, strength] without 0, one byte per cell.
 void sign_pattern_generate(int8_t* out, int32_t strength, int32_t cols, int32_t rows, uint32_t s0,

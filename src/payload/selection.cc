@@ -7,6 +7,7 @@
 
 #include "kernels/intmath.h"
 #include "kernels/prng.h"
+#include "payload/layout.h"
 
 namespace lumamark {
 
@@ -80,7 +81,7 @@ void selection_spread(uint8_t* selection, const uint8_t* mask, const uint8_t* in
       std::memcpy(dst, mask, static_cast<size_t>(length));
       continue;
     }
-    const uint8_t* row = indexes + static_cast<int64_t>(j & 15) * length;
+    const uint8_t* row = indexes + static_cast<int64_t>(j % kIndexRows) * length;
     for (int32_t k = 0; k < length; ++k) {
       const int64_t at = static_cast<int64_t>(row[k]) * reps + j;
       // A table entry naming no symbol (only possible with a foreign table)
