@@ -1,45 +1,24 @@
 // lumamark-detect: reads raw planar YUV frames, measures their luma, and tells
 // whether they carry a watermark and which ID.
-#include "decode/detect_cli.h"
+#include "cli/detect_cli.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <limits>
 #include <new>
 #include <sstream>
+#include <string_view>
+#include <utility>
 #include <vector>
 
+#include "cli/frame_loop.h"
+#include "cli/option_table.h"
+#include "cli/options.h"
 #include "payload/wm_id.h"
 
 namespace lumamark {
 
 namespace {
-
-constexpr char kVersion[] = "2.1.3";
-
-// Strict base-10 integer: optional sign and digits, nothing else, within the
-// range of a signed 64-bit value.
-bool parse_int(const std::string& text, int64_t* value) {
-  if (text.empty()) return false;
-  errno = 0;
-  char* end = nullptr;
-  const long long v = std::strtoll(text.c_str(), &end, 10);
-  if (errno != 0 || end == text.c_str() || *end != '\0') return false;
-  *value = v;
-  return true;
-}
-
-bool parse_int32(const std::string& text, int32_t* value) {
-  int64_t v = 0;
-  if (!parse_int(text, &v) || v < std::numeric_limits<int32_t>::min() ||
-      v > std::numeric_limits<int32_t>::max()) {
-    return false;
-  }
-  *value = static_cast<int32_t>(v);
-  return true;
-}
 
 std::string format_z(double z) {
   char buf[64];
@@ -75,81 +54,28 @@ void print_detect_usage(const char* program, std::ostream& out) {
 }
 
 DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::ostream& err) {
-  if (argc < 2) {
-    print_detect_usage(argc > 0 ? argv[0] : "lumamark-detect", std::cout);
-    return DetectParse::kError;
-  }
   DetectConfig& c = o->config;
-  struct IntOption {
-    const char* name;
-    int32_t* field;
-  };
-  const IntOption ints[] = {
-      {"--width", &c.width},         {"--height", &c.height},       {"--sp-width", &c.sp_width},
-      {"--spb-width", &c.spb_width}, {"--fec", &c.fec},             {"--bit-profile", &c.bit_profile},
-      {"--strength", &c.strength},   {"--seed", &c.seed},           {"--sp-density", &c.sp_density},
-      {"--threads", &c.threads},
-  };
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      print_detect_usage(argv[0], std::cout);
-      return DetectParse::kHelp;
-    }
-    if (arg == "--version") {
-      std::cout << kVersion << std::endl;
-      return DetectParse::kVersion;
-    }
-    if (arg == "--json") {
-      o->json = true;
-      continue;
-    }
-    const IntOption* int_option = nullptr;
-    for (const IntOption& opt : ints) {
-      if (arg == opt.name) int_option = &opt;
-    }
-    const bool takes_text = arg == "--input-file" || arg == "--pix-fmt" || arg == "--user-urn" ||
-                            arg == "--wm-id" || arg == "--frames";
-    if (int_option == nullptr && !takes_text) {
-      err << "Error: Unknown option: " << arg << "\n";
-      return DetectParse::kError;
-    }
-    if (i + 1 >= argc) {
-      err << "Error: " << arg << " requires an argument\n";
-      return DetectParse::kError;
-    }
-    const std::string value = argv[++i];
-    if (int_option != nullptr) {
-      if (!parse_int32(value, int_option->field)) {
-        err << "Error: " << arg << " expects an integer, got '" << value << "'\n";
-        return DetectParse::kError;
-      }
-    } else if (arg == "--frames") {
-      int64_t n = 0;
-      if (!parse_int(value, &n) || n < 1) {
-        err << "Error: --frames expects a positive integer, got '" << value << "'\n";
-        return DetectParse::kError;
-      }
-      o->max_frames = n;
-    } else if (arg == "--input-file") {
-      o->input_file = value;
-    } else if (arg == "--pix-fmt") {
-      o->pix_fmt = value;
-    } else if (arg == "--user-urn") {
-      c.user_urn = value;
-    } else {
-      o->expect_id = value;
-    }
+  // --fec is judged by detector_init, with the other settings.
+  std::vector<OptionRow> rows = shared_setting_rows(&c, nullptr);
+  for (const auto& [name, field] : {std::pair<std::string_view, std::string*>{"--input-file", &o->input_file},
+                                    {"--pix-fmt", &o->pix_fmt},
+                                    {"--wm-id", &o->expect_id}}) {
+    rows.push_back(OptionRow{name, ArgKind::Text, nullptr, nullptr, nullptr, field});
   }
-  return DetectParse::kRun;
-}
-
-int64_t detect_frame_bytes(const std::string& pix_fmt, int32_t width, int32_t height) {
-  const int64_t luma = static_cast<int64_t>(width) * height;
-  if (pix_fmt == "yuv420p") return luma * 3 / 2;
-  if (pix_fmt == "yuv422p") return luma * 2;
-  if (pix_fmt == "yuv444p") return luma * 3;
-  return -1;
+  rows.push_back(OptionRow{"--frames", ArgKind::Count, nullptr, nullptr, &o->max_frames});
+  rows.push_back(OptionRow{"--json", ArgKind::Flag, &o->json});
+  const ParseRules rules{kVersion, "lumamark-detect", print_detect_usage, true, true};
+  switch (parse_option_table(argc, argv, rows.data(), rows.size(), rules, err)) {
+    case ParseResult::Run:
+      return DetectParse::kRun;
+    case ParseResult::HelpShown:
+      return DetectParse::kHelp;
+    case ParseResult::VersionShown:
+      return DetectParse::kVersion;
+    case ParseResult::Error:
+      break;
+  }
+  return DetectParse::kError;
 }
 
 std::string format_detect_report(const DetectResult& r, const ExpectedCheck* expected,
@@ -209,15 +135,8 @@ namespace {
 
 int run_detect_checked(int argc, char** argv) {
   DetectOptions o;
-  switch (parse_detect_options(argc, argv, &o, std::cerr)) {
-    case DetectParse::kRun:
-      break;
-    case DetectParse::kHelp:
-    case DetectParse::kVersion:
-      return 0;
-    case DetectParse::kError:
-      return 1;
-  }
+  const DetectParse parsed = parse_detect_options(argc, argv, &o, std::cerr);
+  if (parsed != DetectParse::kRun) return parsed == DetectParse::kError ? 1 : 0;
   const DetectConfig& c = o.config;
   Detector d;
   std::string error;
@@ -225,10 +144,15 @@ int run_detect_checked(int argc, char** argv) {
     std::cerr << "Error: " << error << "\n";
     return 1;
   }
-  const int64_t frame_bytes = detect_frame_bytes(o.pix_fmt, c.width, c.height);
-  if (frame_bytes < 0) {
+  const int64_t frame_bytes = frame_size_for(o.pix_fmt, c.width, c.height);
+  if (frame_bytes == 0) {
     std::cerr << "Error: Unsupported pixel format: " << o.pix_fmt
               << " (use yuv420p, yuv422p or yuv444p)\n";
+    return 1;
+  }
+  // The embedder refuses the frames whose 32-bit size wrapped.
+  if (frame_bytes < 0 || frame_size_wrapped(frame_bytes, c.width, c.height)) {
+    std::cerr << "Error: the frame is too large\n";
     return 1;
   }
   std::string expected_bits;

@@ -24,10 +24,8 @@ enum class DetectParse { kRun, kHelp, kVersion, kError };
 // Parses argv[1..argc-1] into options; messages go to err.
 DetectParse parse_detect_options(int argc, char** argv, DetectOptions* options, std::ostream& err);
 
+// Writes the usage text for program name program to out.
 void print_detect_usage(const char* program, std::ostream& out);
-
-// Bytes of one frame of the given pixel format, or -1 for an unknown format.
-int64_t detect_frame_bytes(const std::string& pix_fmt, int32_t width, int32_t height);
 
 // What is compared when --wm-id is given.
 struct ExpectedCheck {

@@ -1,4 +1,4 @@
 // lumamark-detect: the blind watermark detector.
-#include "decode/detect_cli.h"
+#include "cli/detect_cli.h"
 
 int main(int argc, char** argv) { return lumamark::run_detect(argc, argv); }

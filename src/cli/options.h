@@ -4,6 +4,9 @@
 #include <cstdint>
 #include <string>
 
+#include "cli/option_table.h"
+#include "payload/layout.h"
+
 namespace lumamark {
 
 inline constexpr const char* kVersion = "2.1.3";
@@ -23,7 +26,7 @@ struct EmbedConfig {
   int32_t spb_width = 0;                                   // superpixel border; 0 = automatic
   int32_t pm_mode = 3;                                     // perceptual mode 0..3
   int32_t seed = -1;                                       // mask seed 0..31; negative = image hash
-  std::string user_urn = "00000000000000000000000000000000";  // user organisation URN, 32 hex digits
+  std::string user_urn = kNeutralUrn;                      // user organisation URN, 32 hex digits
   std::string wm_id = "0";                                 // watermark ID, hexadecimal
   std::string pix_fmt = "yuv420p";                         // yuv420p, yuv422p or yuv444p
   std::string embed_log;                                   // JSON log path; empty = none
@@ -31,8 +34,6 @@ struct EmbedConfig {
   bool deep_fake = false;                                  // repeat embedding up to a signal target
   bool wm_id_given = false;                                // --wm-id appeared on the command line
 };
-
-enum class ParseResult : int32_t { Run = 0, HelpShown = 1, VersionShown = 2, Error = 3 };
 
 // Fills config from argv[1..argc-1]. Integer options are converted with
 // std::stoi and conversion errors are deliberately not caught.

@@ -5,6 +5,7 @@
 
 namespace lumamark {
 
+// The seed from the luma content: the cell sums of seed_grid, computed here.
 int32_t image_seed(const uint8_t* luma, int32_t width, int32_t height, int32_t stride,
                    int32_t cells_x, int32_t cells_y, int32_t cols, int32_t rows);
 
@@ -17,6 +18,7 @@ struct SeedGrid {
   int32_t cells;  // gx x gy; below 1: the seed is 0 without any cell
 };
 
+// The hash grid of a width x height frame with a cols x rows superpixel grid.
 SeedGrid seed_grid(int32_t width, int32_t height, int32_t cells_x, int32_t cells_y, int32_t cols,
                    int32_t rows);
 

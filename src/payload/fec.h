@@ -33,6 +33,7 @@ struct RmBlockSplit {
   int32_t redundancy;  // r of every block: 3 (one block, up to 20 bits), 2 (up to 60), 1 (beyond)
 };
 
+// The split of nbits payload bits.
 RmBlockSplit rm_block_split(int32_t nbits);
 
 // First payload bit of block i of a split into blocks blocks; block i holds the

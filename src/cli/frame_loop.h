@@ -1,0 +1,40 @@
+// Raw frames: their size, and the loop that streams them from the input
+// through the filter to the output.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "filter/filter.h"
+
+namespace lumamark {
+
+// Bytes of one planar frame, or 0 for an unknown pixel format. The product
+// wraps in 32 bits and the 4:2:0 halving truncates toward zero before the
+// result is widened, so odd or oversized frames keep their 32-bit size.
+int64_t frame_size_for(const std::string& pix_fmt, int32_t width, int32_t height);
+
+// True when the 32-bit frame size wrapped to a positive number too small for
+// the width x height luma plane that the filter works on: such frames would
+// make the filter read and write past the frame buffer, and are refused like
+// a size of 0. (A size that wrapped to a negative number is refused by the
+// allocation of the frame buffer.)
+bool frame_size_wrapped(int64_t frame_size, int32_t width, int32_t height);
+
+// How the frame loop ended.
+enum class LoopEnd {
+  Done,          // the input ended (a partial last frame is dropped)
+  FilterFailed,  // the filter failed on a frame; "Error applying watermark" was reported
+};
+
+// Streams whole frames from in to out through the filter until the input
+// ends or the filter fails on a frame. buffer holds two frames. Large frames
+// without an embedding log (logging false) are read ahead and written behind
+// on threads of their own, with the same output, messages and order. Write
+// results are not examined: a frame the output does not take is lost and the
+// run goes on, as the tool's contract has it.
+LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
+                      FILE* out, int32_t width, int32_t height, int32_t seed, bool logging);
+
+}  // namespace lumamark
