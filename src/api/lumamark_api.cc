@@ -22,6 +22,8 @@ struct lumamark_embedder {
   int32_t width = 0;                            // luma width of every frame
   int32_t height = 0;                           // luma height of every frame
   int32_t seed = -1;                            // mask seed handed to every frame
+  bool deep_fake = false;                       // deep-fake embedding (see process)
+  std::vector<uint8_t> packed;                  // a padded plane's packed copy
 };
 
 struct lumamark_detector {
@@ -218,11 +220,13 @@ int prepare_filter(const lumamark_params& p, WatermarkFilter* f) {
                                     encoded_bit_count, sp, width, height);
     return LUMAMARK_OK;
   }
-  if (f->coded_bits == nullptr || f->pattern_values == nullptr) return LUMAMARK_ENOMEM;
-  // The generator reports a Reed-Muller failure on standard error; the same
-  // encoding is tried first (the generator repeats it with the same result).
-  if (p.fec == 2 && lumamark::rm_encode_payload(f->coded_bits, f->wm_id, bits, encoded_bit_count,
-                                                lumamark::urn_hash(p.user_urn)) < 0) {
+  if (f->pattern_values == nullptr) return LUMAMARK_ENOMEM;
+  // The generator reports a Reed-Muller failure on standard error (the code
+  // does not fit the grid); the same encoding is tried first, and the
+  // generator repeats it with the same result.
+  if (p.fec == 2 && (f->coded_bits == nullptr ||
+                     lumamark::rm_encode_payload(f->coded_bits, f->wm_id, bits, encoded_bit_count,
+                                                 lumamark::urn_hash(p.user_urn)) < 0)) {
     return LUMAMARK_ESETTINGS;
   }
   std::vector<uint8_t> map(static_cast<size_t>(n_sp), 0);
@@ -304,6 +308,7 @@ int lumamark_embedder_open(const lumamark_params* p, lumamark_embedder** out) {
     e->width = p->width;
     e->height = p->height;
     e->seed = p->seed;
+    e->deep_fake = p->deep_fake != 0;
     *out = e;
     return LUMAMARK_OK;
   } catch (const std::bad_alloc&) {
@@ -316,9 +321,26 @@ int lumamark_embedder_process(lumamark_embedder* e, uint8_t* luma, ptrdiff_t str
       stride > std::numeric_limits<int32_t>::max()) {
     return LUMAMARK_EINVAL;
   }
-  const int32_t rc = lumamark::wm_filter_apply(e->filter, luma, e->width, e->height,
-                                               static_cast<int32_t>(stride), e->seed);
-  return rc == 0 ? LUMAMARK_OK : LUMAMARK_EFRAME;
+  if (stride == e->width || !e->deep_fake) {
+    const int32_t rc = lumamark::wm_filter_apply(e->filter, luma, e->width, e->height,
+                                                 static_cast<int32_t>(stride), e->seed);
+    return rc == 0 ? LUMAMARK_OK : LUMAMARK_EFRAME;
+  }
+  // Deep-fake targets are measured with the frame width as the row pitch,
+  // which is the stride of the command line's frames: a padded plane is
+  // marked through a packed copy to give the same samples.
+  const size_t w = static_cast<size_t>(e->width), h = static_cast<size_t>(e->height);
+  try {
+    e->packed.resize(w * h);
+  } catch (const std::bad_alloc&) {
+    return LUMAMARK_ENOMEM;
+  }
+  for (size_t y = 0; y < h; ++y) std::memcpy(&e->packed[y * w], luma + y * stride, w);
+  const int32_t rc = lumamark::wm_filter_apply(e->filter, e->packed.data(), e->width, e->height,
+                                               e->width, e->seed);
+  if (rc != 0) return LUMAMARK_EFRAME;
+  for (size_t y = 0; y < h; ++y) std::memcpy(luma + y * stride, &e->packed[y * w], w);
+  return LUMAMARK_OK;
 }
 
 void lumamark_embedder_close(lumamark_embedder* e) {
