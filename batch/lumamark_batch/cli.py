@@ -295,9 +295,12 @@ def run(args):
                 cloudpickle.register_pickle_by_value(lumamark_batch)
             except (ImportError, AttributeError, ValueError):
                 pass
-        from distributed import as_completed
         progress = Progress(total, skipped, not args.no_progress)
-        pending = as_completed()
+        if client is None:
+            pending = []
+        else:
+            from distributed import as_completed
+            pending = as_completed()
         what = {}
 
         def submit(kind, name, fn, *fargs, key):
