@@ -198,6 +198,21 @@ def start_client(args):
     return Client(cluster), cluster
 
 
+def ship_package(client, out_dir):
+    """Send this package to the workers (and to any that join later), so
+    that they need only the binaries and Dask, not a copy of lumamark_batch."""
+    import tempfile
+    import zipfile
+    pkg = os.path.dirname(os.path.abspath(__file__))
+    with tempfile.TemporaryDirectory(dir=out_dir) as d:
+        path = os.path.join(d, "lumamark_batch.zip")
+        with zipfile.ZipFile(path, "w") as z:
+            for f in sorted(os.listdir(pkg)):
+                if f.endswith(".py"):
+                    z.write(os.path.join(pkg, f), f"lumamark_batch/{f}")
+        client.upload_file(path)
+
+
 def run(args):
     rows = read_copies(args.copies)
     check_lumamark_args(args.lumamark_args)
@@ -287,14 +302,8 @@ def run(args):
     try:
         if total > skipped:
             client, cluster = start_client(args)
-            try:
-                import cloudpickle
-                import lumamark_batch
-                # Ship this package's code with the tasks, so that workers
-                # need only the binaries, not the package.
-                cloudpickle.register_pickle_by_value(lumamark_batch)
-            except (ImportError, AttributeError, ValueError):
-                pass
+            if args.scheduler:
+                ship_package(client, out_dir)
         progress = Progress(total, skipped, not args.no_progress)
         if client is None:
             pending = []
@@ -305,7 +314,7 @@ def run(args):
 
         def submit(kind, name, fn, *fargs, key):
             fut = client.submit(fn, *fargs, key=key, retries=args.retries, pure=False)
-            what[fut.key] = (kind, name, fargs)
+            what[fut.key] = (kind, name, fargs, fut)
             pending.add(fut)
 
         def submit_join(name):
@@ -324,9 +333,10 @@ def run(args):
             manifest.copies[name]["status"] = "failed"
             manifest.copies[name]["error"] = message
             progress.write(f"FAILED {message}")
-            for key, (kind, other, _) in list(what.items()):
+            # The copy's other tasks would be wasted work.
+            for _kind, other, _fargs, fut in what.values():
                 if other == name:
-                    client.cancel(key)
+                    fut.cancel()
 
         for name, left in todo_segments.items():
             for start, count in left:
@@ -339,8 +349,8 @@ def run(args):
                 submit_verify(name)
 
         for fut in pending:
-            kind, name, fargs = what.pop(fut.key)
-            if fut.cancelled() or fut.status == "cancelled":
+            kind, name, fargs, _ = what.pop(fut.key)
+            if fut.status == "cancelled":
                 continue
             try:
                 res = fut.result()
