@@ -12,6 +12,7 @@ import logging
 import os
 import re
 import shutil
+import shlex
 import signal
 import subprocess
 import sys
@@ -114,7 +115,6 @@ def find_binary(given, env, name):
 
 
 def check_lumamark_args(text):
-    import shlex
     try:
         words = shlex.split(text)
     except ValueError as e:

@@ -196,13 +196,7 @@ def mark_segment(job, copy, wm_id, start, count, out_path):
             return _fail(tmp, f"{where}: decoder failed (status {rc_dec}): {_tail(errs[0])}")
         if rc_enc != 0:
             return _fail(tmp, f"{where}: encoder failed (status {rc_enc}): {_tail(errs[2])}")
-        got = count_frames(tmp, job["ffprobe"])
-        if got != count:
-            return _fail(tmp, f"{where}: segment has {got} frames, expected {count}")
-        size = os.path.getsize(tmp)
-        digest = sha256_file(tmp)
-        os.replace(tmp, out_path)
-        return {"ok": True, "size": size, "sha256": digest, "frames": count}
+        return _finish(job, tmp, out_path, count, f"{where}: the segment")
     finally:
         for fd in (read_fd, write_fd):
             if fd >= 0:
@@ -215,6 +209,17 @@ def mark_segment(job, copy, wm_id, start, count, out_path):
             f.close()
         if os.path.exists(tmp):
             os.unlink(tmp)
+
+
+def _finish(job, tmp, out_path, expected, what):
+    """Check a finished file's frame count, then move it to its final name."""
+    got = count_frames(tmp, job["ffprobe"])
+    if got != expected:
+        return _fail(tmp, f"{what} has {got} frames, expected {expected}")
+    size = os.path.getsize(tmp)
+    digest = sha256_file(tmp)
+    os.replace(tmp, out_path)
+    return {"ok": True, "size": size, "sha256": digest, "frames": got}
 
 
 def _fail(tmp, message):
@@ -247,14 +252,7 @@ def join_segments(job, copy, segments, out_path):
         res = subprocess.run(cmd, capture_output=True, text=True)
         if res.returncode != 0:
             return _fail(tmp, f"copy {copy!r}: joining segments failed: {res.stderr.strip()[-600:]}")
-        frames = count_frames(tmp, job["ffprobe"])
-        expected = job["title"]["frames"]
-        if frames != expected:
-            return _fail(tmp, f"copy {copy!r}: joined file has {frames} frames, expected {expected}")
-        size = os.path.getsize(tmp)
-        digest = sha256_file(tmp)
-        os.replace(tmp, out_path)
-        return {"ok": True, "size": size, "sha256": digest, "frames": frames}
+        return _finish(job, tmp, out_path, job["title"]["frames"], f"copy {copy!r}: the joined file")
     finally:
         os.unlink(lst.name)
         if os.path.exists(tmp):

@@ -75,7 +75,7 @@ def test_lossless_copies_equal_one_whole_run_and_a_bad_id_fails_alone(bins, titl
     rows = [("alice", "1A2B"), ("mallory", "XYZ"), ("carol", "1FFF")]
     out = tmp_path / "out"
     res = run_batch(bins, title, write_copies(tmp_path / "copies.csv", rows), out,
-                    "--segment-frames", "10", "--video-codec", "ffv1")
+                    "--segment-frames", "20", "--video-codec", "ffv1")
     assert res.returncode == 1
     assert "copy 'mallory', frames " in res.stderr and "WM id validation failed" in res.stderr
     assert not (out / "mallory.mkv").exists()
@@ -113,7 +113,7 @@ def _ppid(pid):
 
 
 def test_worker_killed_mid_run_still_gives_identical_copies(bins, title, tmp_path, clean_run):
-    slow, log = wrapper(tmp_path, bins, 0.5)
+    slow, log = wrapper(tmp_path, bins, 0.3)
     copies = write_copies(tmp_path / "copies.csv", COPIES)
     proc = subprocess.Popen(batch_cmd(bins, title, copies, tmp_path / "out", *SEGMENT,
                                       lumamark=slow),
