@@ -71,6 +71,6 @@ def decode_raw(path):
                           capture_output=True, check=True).stdout
 
 
-def packets_md5(path, spec):
-    return subprocess.run(["ffmpeg", "-v", "error", "-i", str(path), "-map", spec, "-c", "copy",
+def packets_md5(path, stream):
+    return subprocess.run(["ffmpeg", "-v", "error", "-i", str(path), "-map", stream, "-c", "copy",
                            "-f", "md5", "-"], capture_output=True, text=True, check=True).stdout
