@@ -30,3 +30,17 @@ ensure_build_deps() {
 ensure_video_deps() {
   ensure_packages ffmpeg:ffmpeg
 }
+
+# lumamark-batch and its tests: Dask, pytest and tqdm for Debian's own
+# /usr/bin/python3, judged by importing them (the commands of the same names
+# on PATH may belong to another Python), and ffmpeg.
+ensure_batch_deps() {
+  ensure_video_deps
+  local missing=() pair mod
+  for pair in distributed:python3-distributed pytest:python3-pytest tqdm:python3-tqdm; do
+    mod=${pair%%:*}
+    # A path that never exists makes ensure_packages install the package.
+    /usr/bin/python3 -c "import $mod" >/dev/null 2>&1 || missing+=("/nonexistent/$pair")
+  done
+  [ ${#missing[@]} -eq 0 ] || ensure_packages "${missing[@]}"
+}
