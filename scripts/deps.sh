@@ -21,7 +21,7 @@ ensure_packages() {
 }
 
 ensure_build_deps() {
-  ensure_packages cmake:cmake ninja:ninja-build g++:g++ \
+  ensure_packages cmake:cmake ninja:ninja-build g++:g++ pkg-config:pkg-config \
     /usr/include/gtest/gtest.h:libgtest-dev \
     /usr/include/benchmark/benchmark.h:libbenchmark-dev
 }

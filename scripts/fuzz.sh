@@ -6,7 +6,7 @@
 # Usage: bash scripts/fuzz.sh [--time SECONDS] [--jobs N] [TARGET ...]
 #   --time SECONDS  how long each target runs (default 300)
 #   --jobs N        targets run at the same time (default 2)
-#   TARGET          fuzz_options, fuzz_payload_file, fuzz_filter, fuzz_rm
+#   TARGET          fuzz_options, fuzz_payload_file, fuzz_filter, fuzz_rm, fuzz_y4m
 #                   (default: all four)
 #
 # Each target starts from its committed seeds in fuzz/corpus/<target>/
@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-[ ${#targets[@]} -gt 0 ] || targets=(fuzz_options fuzz_payload_file fuzz_filter fuzz_rm)
+[ ${#targets[@]} -gt 0 ] || targets=(fuzz_options fuzz_payload_file fuzz_filter fuzz_rm fuzz_y4m)
 
 . scripts/deps.sh
 ensure_build_deps

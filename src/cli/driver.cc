@@ -19,6 +19,7 @@
 #include "cli/options.h"
 #include "cli/payload_file.h"
 #include "cli/progress.h"
+#include "cli/y4m_stream.h"
 #include "filter/filter.h"
 #include "kernels/intmath.h"
 #include "payload/payload_map.h"
@@ -90,19 +91,20 @@ enum class LoopEnd { Done, FilterFailed };
 // Streams whole frames from in to out through the filter, until the input
 // ends or the filter fails on a frame. Write results are not examined: a
 // frame the output does not take (a full disk, a closed descriptor) is lost
-// and the run goes on, as the tool's contract has it.
+// and the run goes on, as the tool's contract has it. The first prefill bytes
+// of the first frame are already in the buffer.
 LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
-                   FILE* out, int32_t width, int32_t height, int32_t seed) {
+                   FILE* out, int32_t width, int32_t height, int32_t seed, size_t prefill) {
   const size_t frame = static_cast<size_t>(frame_size);
   // Drawn only when standard error is a terminal; erased before any message.
   Progress progress;
-  size_t fill = 0;
+  size_t fill = prefill;
   for (;;) {
     // A frame may arrive in several pieces, as from a pipe; end of input and
     // a read error both end the loop, dropping any partial frame.
     const size_t got = std::fread(buffer + fill, 1, frame - fill, in);
     if (got == 0) {
-      progress.finish();
+      progress.summarize();
       return LoopEnd::Done;
     }
     fill += got;
@@ -154,10 +156,10 @@ class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
                    int64_t frame_size, int in_fd, int out_fd, int32_t width, int32_t height,
-                   int32_t seed)
+                   int32_t seed, size_t prefill)
       : filter_(filter), slots_(slots), slot_count_(slot_count), frame_(static_cast<size_t>(frame_size)),
         frame_size_(frame_size), in_fd_(in_fd), out_fd_(out_fd), width_(width), height_(height),
-        seed_(seed) {}
+        seed_(seed), prefill_(prefill) {}
 
   OverlappedFrames(const OverlappedFrames&) = delete;
   OverlappedFrames& operator=(const OverlappedFrames&) = delete;
@@ -213,7 +215,11 @@ class OverlappedFrames {
     signal();
     unlock();
     pthread_join(writer_, nullptr);
-    progress->finish();
+    if (end == LoopEnd::Done) {
+      progress->summarize();
+    } else {
+      progress->finish();
+    }
     if (end == LoopEnd::FilterFailed) std::cerr << "Error applying watermark" << std::endl;
     return end;
   }
@@ -267,7 +273,8 @@ class OverlappedFrames {
       unlock();
       if (stop) break;
       uint8_t* buffer = slot(k);
-      size_t fill = 0;
+      // The start of the first frame may already be in its buffer.
+      size_t fill = k == 0 ? prefill_ : 0;
       while (fill < frame_) {
         const ssize_t got = cancellable_read(buffer + fill, frame_ - fill);
         if (got < 0 && errno == EINTR) continue;
@@ -329,6 +336,7 @@ class OverlappedFrames {
   int32_t width_;
   int32_t height_;
   int32_t seed_;
+  size_t prefill_;
   Progress* progress_ = nullptr;
   pthread_t reader_{};
   pthread_t writer_{};
@@ -349,9 +357,10 @@ class OverlappedFrames {
 // with a log each frame is marked only after the one before it is written,
 // exactly as in the plain loop, which is then used.
 LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
-                      FILE* out, int32_t width, int32_t height, int32_t seed, bool logging) {
+                      FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
+                      size_t prefill) {
   if (frame_size < kOverlapMinFrame || logging) {
-    return run_frames(filter, buffer, frame_size, in, out, width, height, seed);
+    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill);
   }
   // Nothing else writes the output during the loop; what the stream holds
   // goes out before the frames.
@@ -373,12 +382,13 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
   LoopEnd end;
   {
     Progress progress;
-    OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height, seed);
+    OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height, seed,
+                            prefill);
     if (frames.start()) {
       end = frames.run(&progress);
     } else {
       progress.finish();
-      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed);
+      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill);
     }
   }
   for (int32_t i = 2; i < slot_count; ++i) std::free(slots[i]);
@@ -400,6 +410,30 @@ int run_lumamark(int argc, char** argv) {
   }
   if (!check_config(config)) return 1;
 
+  // An input starting with the y4m signature is read as y4m: its header
+  // gives the frame size and layout. The payload-saving mode never reads the
+  // input, so it is not looked at then.
+  PeekedInput peeked;
+  if (choose_source(config) != PayloadSource::SaveGenerated) {
+    std::string refusal;
+    PeekResult kind = peek_input(config.input_file, &peeked, &refusal);
+    if (kind == PeekResult::kY4m) {
+      refusal = y4m_option_conflict(peeked.header, config.width_given, config.width,
+                                    config.height_given, config.height, config.pix_fmt_given,
+                                    config.pix_fmt);
+      kind = refusal.empty() ? kind : PeekResult::kRefused;
+    }
+    if (kind == PeekResult::kRefused) {
+      std::cerr << refusal << std::endl;
+      return 1;
+    }
+    if (peeked.y4m) {
+      config.width = peeked.header.width;
+      config.height = peeked.header.height;
+      config.pix_fmt = peeked.header.pix_fmt;
+    }
+  }
+
   WatermarkFilter* filter = wm_filter_create();
   if (filter == nullptr) {
     std::cerr << "Filter creation failed!" << std::endl;
@@ -419,6 +453,12 @@ int run_lumamark(int argc, char** argv) {
   if (source == PayloadSource::FromFile) {
     PayloadData data;
     if (!read_payload_file(config.payload_file, config.fec, config.spb_width, &data)) {
+      wm_filter_free(filter);
+      return 1;
+    }
+    if (peeked.y4m && (data.width != width || data.height != height)) {
+      std::cerr << "Error: the payload file is for " << data.width << "x" << data.height
+                << " frames, the y4m input holds " << width << "x" << height << std::endl;
       wm_filter_free(filter);
       return 1;
     }
@@ -447,7 +487,8 @@ int run_lumamark(int argc, char** argv) {
     return 1;
   }
 
-  const int64_t frame_size = frame_size_for(config.pix_fmt, width, height);
+  const int64_t frame_size = peeked.y4m ? y4m_frame_bytes(peeked.header)
+                                        : frame_size_for(config.pix_fmt, width, height);
   const std::string refusal = frame_refusal(config, frame_size, width, height);
   // Settings whose frames are refused after the payload is generated are
   // refused before it: the payload of a grid that no frame can hold may take
@@ -513,8 +554,14 @@ int run_lumamark(int argc, char** argv) {
     return 1;
   }
 
-  FILE* in = stdin;
-  if (!config.input_file.empty()) {
+  // The input looked at above is used as it is; its first bytes of a raw
+  // stream open the first frame (every frame the filter accepts is longer).
+  // (A file that could not be opened then is tried again here, and its
+  // failure reported in its place.)
+  FILE* in = peeked.release();
+  const size_t prefill = peeked.head_size;
+  std::memcpy(buffer, peeked.head, prefill);
+  if (in == nullptr) {
     in = std::fopen(config.input_file.c_str(), "rb");
     if (in == nullptr) {
       std::cerr << "Error opening input file: " << config.input_file << std::endl;
@@ -535,8 +582,14 @@ int run_lumamark(int argc, char** argv) {
     }
   }
 
-  const LoopEnd end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,
-                                    !config.embed_log.empty());
+  LoopEnd end;
+  if (peeked.y4m) {
+    end = run_y4m_frames(filter, peeked.header, buffer, in, out, config.seed) ? LoopEnd::Done
+                                                                             : LoopEnd::FilterFailed;
+  } else {
+    end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,
+                        !config.embed_log.empty(), prefill);
+  }
 
   // The standard streams stay open; files are closed on every path.
   if (in != stdin) std::fclose(in);

@@ -108,10 +108,13 @@ ParseResult parse_options(int argc, char** argv, EmbedConfig* config) {
         // std::stoi throws on a non-numeric or out-of-range value; the error
         // is deliberately left uncaught and aborts the process.
         config->*(row->int_field) = std::stoi(std::string(arg));
+        if (row->int_field == &EmbedConfig::width) config->width_given = true;
+        if (row->int_field == &EmbedConfig::height) config->height_given = true;
         break;
       case ArgKind::Text:
         config->*(row->text_field) = arg;
         if (row->text_field == &EmbedConfig::wm_id) config->wm_id_given = true;
+        if (row->text_field == &EmbedConfig::pix_fmt) config->pix_fmt_given = true;
         break;
       case ArgKind::Skip:
       case ArgKind::None:

@@ -30,6 +30,9 @@ struct EmbedConfig {
   int32_t threads = 1;                                     // worker threads; 0 = online processors
   bool deep_fake = false;                                  // repeat embedding up to a signal target
   bool wm_id_given = false;                                // --wm-id appeared on the command line
+  bool width_given = false;                                // --width appeared on the command line
+  bool height_given = false;                               // --height appeared on the command line
+  bool pix_fmt_given = false;                              // --pix-fmt appeared on the command line
 };
 
 enum class ParseResult : int32_t { Run = 0, HelpShown = 1, VersionShown = 2, Error = 3 };

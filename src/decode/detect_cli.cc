@@ -11,6 +11,7 @@
 #include <sstream>
 #include <vector>
 
+#include "cli/y4m_stream.h"
 #include "payload/wm_id.h"
 
 namespace lumamark {
@@ -124,6 +125,8 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
         err << "Error: " << arg << " expects an integer, got '" << value << "'\n";
         return DetectParse::kError;
       }
+      o->width_given = o->width_given || int_option->field == &c.width;
+      o->height_given = o->height_given || int_option->field == &c.height;
     } else if (arg == "--frames") {
       int64_t n = 0;
       if (!parse_int(value, &n) || n < 1) {
@@ -135,6 +138,7 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
       o->input_file = value;
     } else if (arg == "--pix-fmt") {
       o->pix_fmt = value;
+      o->pix_fmt_given = true;
     } else if (arg == "--user-urn") {
       c.user_urn = value;
     } else {
@@ -218,14 +222,14 @@ int run_detect_checked(int argc, char** argv) {
     case DetectParse::kError:
       return 1;
   }
-  const DetectConfig& c = o.config;
+  DetectConfig& c = o.config;
   Detector d;
   std::string error;
   if (detector_init(&d, c, &error) != 0) {
     std::cerr << "Error: " << error << "\n";
     return 1;
   }
-  const int64_t frame_bytes = detect_frame_bytes(o.pix_fmt, c.width, c.height);
+  int64_t frame_bytes = detect_frame_bytes(o.pix_fmt, c.width, c.height);
   if (frame_bytes < 0) {
     std::cerr << "Error: Unsupported pixel format: " << o.pix_fmt
               << " (use yuv420p, yuv422p or yuv444p)\n";
@@ -243,23 +247,52 @@ int run_detect_checked(int argc, char** argv) {
     std::free(bits);
   }
 
-  FILE* in = stdin;
-  if (!o.input_file.empty()) {
-    in = std::fopen(o.input_file.c_str(), "rb");
-    if (in == nullptr) {
-      std::cerr << "Error: Cannot open input file: " << o.input_file << "\n";
-      return 1;
+  // y4m input: the header gives the frame size and layout, and the detector
+  // is built again for it when it differs from the options.
+  PeekedInput input;
+  std::string y4m_error;
+  PeekResult kind = peek_input(o.input_file, &input, &y4m_error);
+  if (input.file == nullptr) {
+    std::cerr << "Error: Cannot open input file: " << o.input_file << "\n";
+    return 1;
+  }
+  if (kind == PeekResult::kY4m) {
+    y4m_error = y4m_option_conflict(input.header, o.width_given, c.width, o.height_given, c.height,
+                                    o.pix_fmt_given, o.pix_fmt);
+    if (!y4m_error.empty()) kind = PeekResult::kRefused;
+  }
+  if (kind == PeekResult::kRefused) {
+    std::cerr << y4m_error << "\n";
+    return 1;
+  }
+  if (input.y4m) {
+    o.pix_fmt = input.header.pix_fmt;
+    frame_bytes = y4m_frame_bytes(input.header);
+    if (c.width != input.header.width || c.height != input.header.height) {
+      c.width = input.header.width;
+      c.height = input.header.height;
+      d = Detector();
+      if (detector_init(&d, c, &error) != 0) {
+        std::cerr << "Error: " << error << "\n";
+        return 1;
+      }
     }
   }
+  FILE* in = input.file;
+  FrameReader reader(&input, static_cast<size_t>(frame_bytes));
   std::vector<uint8_t> frame(static_cast<size_t>(frame_bytes));
   int64_t frames = 0;
   while (o.max_frames < 0 || frames < o.max_frames) {
-    if (std::fread(frame.data(), 1, frame.size(), in) != frame.size()) break;
+    const Y4mLine got = reader.next(frame.data());
+    if (got == Y4mLine::kBad) {
+      std::cerr << "Error: malformed y4m FRAME line before frame " << frames << "\n";
+      return 1;
+    }
+    if (got == Y4mLine::kEnd) break;
     detector_add_frame(&d, frame.data(), c.width);
     ++frames;
   }
   const bool read_error = std::ferror(in) != 0;
-  if (in != stdin) std::fclose(in);
   if (read_error) {
     std::cerr << "Error: Failed to read the input\n";
     return 1;
