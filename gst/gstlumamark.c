@@ -60,13 +60,42 @@ static gboolean gst_lumamark_params(GstLumamark* self, lumamark_params* p) {
   return ok;
 }
 
+/* Posts why the embedder could not be opened, naming the property at fault
+ * where the code tells which. */
+static void report_open_error(GstLumamark* self, const lumamark_params* p, int rc) {
+  if (rc == LUMAMARK_EWMID)
+    GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS,
+                      ("Invalid value for property 'wm-id': \"%s\" (%s %d)", p->wm_id, lumamark_strerror(rc),
+                       p->bit_profile),
+                      ("lumamark_embedder_open returned %d", rc));
+  else if (rc == LUMAMARK_EPAYLOAD)
+    GST_ELEMENT_ERROR(self, LIBRARY, SETTINGS,
+                      ("Cannot use property 'payload-file': \"%s\" (%s)", p->payload_file, lumamark_strerror(rc)),
+                      ("lumamark_embedder_open returned %d", rc));
+  else
+    GST_ELEMENT_ERROR(self, LIBRARY, INIT,
+                      ("Cannot mark %dx%d %s video with these settings: %s", p->width, p->height, p->pix_fmt,
+                       lumamark_strerror(rc)),
+                      ("lumamark_embedder_open returned %d", rc));
+}
+
 /* Settings are judged before the pipeline starts, so that a bad value stops
- * it before a frame flows. */
+ * it before a frame flows: each value by the library's setter, then the ID
+ * and the payload file by opening an embedder for the default frame size.
+ * Refusals that depend on the frame size wait for the negotiated one. */
 static gboolean gst_lumamark_start(GstBaseTransform* trans) {
   GstLumamark* self = GST_LUMAMARK(trans);
   lumamark_params p;
   self->frames = 0;
-  return gst_lumamark_params(self, &p);
+  if (!gst_lumamark_params(self, &p)) return FALSE;
+  lumamark_embedder* trial = NULL;
+  const int rc = lumamark_embedder_open(&p, &trial);
+  lumamark_embedder_close(trial);
+  if (rc == LUMAMARK_EWMID || rc == LUMAMARK_EPAYLOAD) {
+    report_open_error(self, &p, rc);
+    return FALSE;
+  }
+  return TRUE;
 }
 
 static gboolean gst_lumamark_stop(GstBaseTransform* trans) {
@@ -112,15 +141,10 @@ static gboolean gst_lumamark_set_info(GstVideoFilter* filter, GstCaps* incaps, G
       !check_payload_size(self, &p, in_info))
     return TRUE;
   const int rc = lumamark_embedder_open(&p, &self->embedder);
-  if (rc != 0) {
-    GST_ELEMENT_ERROR(self, LIBRARY, INIT,
-                      ("Cannot mark %dx%d %s video with these settings: %s", GST_VIDEO_INFO_WIDTH(in_info),
-                       GST_VIDEO_INFO_HEIGHT(in_info), p.pix_fmt, lumamark_strerror(rc)),
-                      ("lumamark_embedder_open returned %d", rc));
-    return TRUE;
-  }
-  GST_INFO_OBJECT(self, "embedder open for %dx%d %s", GST_VIDEO_INFO_WIDTH(in_info), GST_VIDEO_INFO_HEIGHT(in_info),
-                  p.pix_fmt);
+  if (rc != 0)
+    report_open_error(self, &p, rc);
+  else
+    GST_INFO_OBJECT(self, "embedder open for %dx%d %s", p.width, p.height, p.pix_fmt);
   return TRUE;
 }
 

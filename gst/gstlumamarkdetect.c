@@ -105,7 +105,9 @@ static gboolean gst_lumamark_detect_stop(GstBaseTransform* trans) {
 }
 
 /* A new format starts a new reading: frames of different sizes cannot be
- * combined. What the old one read is posted first. */
+ * combined. What the old one read is posted first. As in the embedder, a
+ * format the settings cannot read is accepted with no detector and the
+ * error posted, and the first frame stops the stream. */
 static gboolean gst_lumamark_detect_set_info(GstVideoFilter* filter, GstCaps* incaps, GstVideoInfo* in_info,
                                              GstCaps* outcaps, GstVideoInfo* out_info) {
   (void)incaps;
@@ -117,7 +119,7 @@ static gboolean gst_lumamark_detect_set_info(GstVideoFilter* filter, GstCaps* in
   self->added = self->posted = 0;
 
   lumamark_params p;
-  if (!gst_lumamark_detect_params(self, in_info, &p)) return FALSE;
+  if (!gst_lumamark_detect_params(self, in_info, &p)) return TRUE;
   const int rc = lumamark_detector_open(&p, &self->detector);
   if (rc != 0) {
     GST_ELEMENT_ERROR(self, LIBRARY, INIT,
@@ -125,17 +127,13 @@ static gboolean gst_lumamark_detect_set_info(GstVideoFilter* filter, GstCaps* in
                        GST_VIDEO_INFO_WIDTH(in_info), GST_VIDEO_INFO_HEIGHT(in_info), p.pix_fmt, p.width, p.height,
                        lumamark_strerror(rc)),
                       ("lumamark_detector_open returned %d", rc));
-    return FALSE;
   }
   return TRUE;
 }
 
 static GstFlowReturn gst_lumamark_detect_transform_frame_ip(GstVideoFilter* filter, GstVideoFrame* frame) {
   GstLumamarkDetect* self = GST_LUMAMARK_DETECT(filter);
-  if (!self->detector) {
-    GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("No video format was negotiated before the first frame"), (NULL));
-    return GST_FLOW_NOT_NEGOTIATED;
-  }
+  if (!self->detector) return GST_FLOW_ERROR; /* set_info posted why */
   const int rc = lumamark_detector_add(self->detector, GST_VIDEO_FRAME_PLANE_DATA(frame, 0),
                                        GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0));
   if (rc != 0) {
