@@ -198,6 +198,21 @@ case "$case_name" in
     check_refused "Cannot read 320x240 yuv420p video" "lumamarkdetect bit-profile=2000"
     ;;
 
+  install)
+    # cmake --install puts the plugin in lib/gstreamer-1.0 under the prefix,
+    # where GStreamer loads it, with only the plugin entry points exported.
+    : "${CMAKE_COMMAND:?}" "${BUILD_DIR:?}"
+    "$CMAKE_COMMAND" --install "$BUILD_DIR" --prefix "$work/prefix" >install.log || fail "install: $(cat install.log)"
+    plugin=$work/prefix/lib/gstreamer-1.0/libgstlumamark.so
+    [ -f "$plugin" ] || fail "the plugin is not in lib/gstreamer-1.0: $(cat install.log)"
+    others=$(nm -D --defined-only "$plugin" | awk '{print $3}' | grep -v '^gst_plugin_lumamark_' || true)
+    [ -z "$others" ] || fail "symbols exported besides the plugin's: $others"
+    GST_PLUGIN_PATH=$work/prefix/lib/gstreamer-1.0 gst-inspect-1.0 lumamark >inspect.txt 2>&1 ||
+      fail "the installed plugin does not load: $(cat inspect.txt)"
+    grep -q "Filename  *$plugin" inspect.txt || fail "another plugin was loaded: $(grep Filename inspect.txt)"
+    echo "installed as lib/gstreamer-1.0/libgstlumamark.so"
+    ;;
+
   *)
     fail "unknown case $case_name"
     ;;
