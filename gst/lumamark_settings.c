@@ -161,14 +161,29 @@ const gchar* lm_settings_text(const LmSettingValues* v, const gchar* name) {
   return NULL;
 }
 
-/* Sets one library setting, posting an error naming the property if the
- * library refuses the value. */
-static gboolean set_one(GstElement* element, lumamark_params* p, const gchar* name, const gchar* value) {
+/* Sets one library setting, posting an error if the library refuses the
+ * value: it names the property, or the stream's format when the value came
+ * from the caps. */
+static gboolean set_value(GstElement* element, lumamark_params* p, const gchar* name, const gchar* value,
+                          gboolean from_caps) {
   const int rc = lumamark_params_set(p, name, value);
   if (rc == 0) return TRUE;
-  GST_ELEMENT_ERROR(element, LIBRARY, SETTINGS, ("Invalid value for property '%s': \"%s\" (%s)", name, value, lumamark_strerror(rc)),
-                    ("lumamark_params_set returned %d", rc));
+  if (from_caps)
+    GST_ELEMENT_ERROR(element, CORE, NEGOTIATION, ("The stream's %s %s is refused (%s)", name, value, lumamark_strerror(rc)),
+                      ("lumamark_params_set returned %d", rc));
+  else
+    GST_ELEMENT_ERROR(element, LIBRARY, SETTINGS,
+                      ("Invalid value for property '%s': \"%s\" (%s)", name, value, lumamark_strerror(rc)),
+                      ("lumamark_params_set returned %d", rc));
   return FALSE;
+}
+
+static gboolean set_one(GstElement* element, lumamark_params* p, const gchar* name, const gchar* value) {
+  return set_value(element, p, name, value, FALSE);
+}
+
+static gboolean set_from_caps(GstElement* element, lumamark_params* p, const gchar* name, const gchar* value) {
+  return set_value(element, p, name, value, TRUE);
 }
 
 gboolean lm_settings_to_params(GstElement* element, const LmSettingValues* v, guint which, lumamark_params* p) {
@@ -209,18 +224,18 @@ gboolean lm_settings_set_stream(GstElement* element, const GstVideoInfo* info, c
   gchar width[16], height[16];
   g_snprintf(width, sizeof width, "%d", GST_VIDEO_INFO_WIDTH(info));
   g_snprintf(height, sizeof height, "%d", GST_VIDEO_INFO_HEIGHT(info));
-  if (!set_one(element, p, "pix-fmt", pix_fmt)) return FALSE;
+  if (!set_from_caps(element, p, "pix-fmt", pix_fmt)) return FALSE;
   /* The detector reads the stream as the copy; the size it was marked at is
    * the stream's unless the width or height property says otherwise. */
   gboolean marked_width = TRUE, marked_height = TRUE;
   if (which == LM_FOR_DETECT) {
-    if (!set_one(element, p, "input-width", width) || !set_one(element, p, "input-height", height)) return FALSE;
+    if (!set_from_caps(element, p, "input-width", width) || !set_from_caps(element, p, "input-height", height)) return FALSE;
     for (guint i = 0; i < N_SETTINGS; i++) {
       if (!settings[i].from_stream || v->ints[i] == 0) continue;
       if (strcmp(settings[i].name, "width") == 0) marked_width = FALSE;
       if (strcmp(settings[i].name, "height") == 0) marked_height = FALSE;
     }
   }
-  return (!marked_width || set_one(element, p, "width", width)) &&
-         (!marked_height || set_one(element, p, "height", height));
+  return (!marked_width || set_from_caps(element, p, "width", width)) &&
+         (!marked_height || set_from_caps(element, p, "height", height));
 }

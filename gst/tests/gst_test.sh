@@ -179,7 +179,7 @@ case "$case_name" in
     check_refused() {  # expected-message element-and-props
       local expected=$1 element=$2 status=0
       rm -f out.yuv
-      "$RUN_PIPELINE" "videotestsrc num-buffers=3 ! video/x-raw,format=I420,width=320,height=240 ! $element ! \
+      "$RUN_PIPELINE" "videotestsrc num-buffers=3 ! ${caps:-video/x-raw,format=I420,width=320,height=240} ! $element ! \
         filesink location=out.yuv" </dev/null >bad.log 2>&1 || status=$?
       [ "$status" -eq 1 ] || fail "'$element': status $status: $(cat bad.log)"
       grep -qF "ERROR: ${element%% *}0: $expected" bad.log || fail "'$element': no clear error: $(cat bad.log)"
@@ -195,6 +195,7 @@ case "$case_name" in
       "lumamark payload-file=$work/small.lmp"
     check_refused "Cannot mark 320x240 yuv420p video" "lumamark sp-width=8 spb-width=4"
     check_refused "Invalid value for property 'search': \"slow\"" "lumamarkdetect search=slow"
+    caps=video/x-raw,format=Y444,width=70000,height=8 check_refused "The stream's width 70000 is refused" lumamark
     check_refused "Cannot read 320x240 yuv420p video" "lumamarkdetect bit-profile=2000"
     ;;
 
