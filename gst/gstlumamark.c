@@ -181,12 +181,8 @@ static void gst_lumamark_class_init(GstLumamarkClass* klass) {
   gobject_class->set_property = gst_lumamark_set_property;
   gobject_class->get_property = gst_lumamark_get_property;
   gobject_class->finalize = gst_lumamark_finalize;
-  lm_settings_install(gobject_class, LM_FOR_EMBED);
+  lm_element_class_init(element_class, LM_FOR_EMBED);
 
-  GstCaps* caps = gst_caps_from_string(LM_VIDEO_CAPS);
-  gst_element_class_add_pad_template(element_class, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));
-  gst_element_class_add_pad_template(element_class, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
-  gst_caps_unref(caps);
   gst_element_class_set_static_metadata(element_class, "lumamark watermark embedder", "Filter/Effect/Video",
                                         "Embeds an invisible forensic watermark in the luma of planar YUV video",
                                         "lumamark developers");

@@ -175,7 +175,7 @@ static void gst_lumamark_detect_class_init(GstLumamarkDetectClass* klass) {
   gobject_class->set_property = gst_lumamark_detect_set_property;
   gobject_class->get_property = gst_lumamark_detect_get_property;
   gobject_class->finalize = gst_lumamark_detect_finalize;
-  lm_settings_install(gobject_class, LM_FOR_DETECT);
+  lm_element_class_init(element_class, LM_FOR_DETECT);
   g_object_class_install_property(
       gobject_class, LM_PROP_INTERVAL,
       g_param_spec_uint("interval", "interval",
@@ -183,10 +183,6 @@ static void gst_lumamark_detect_class_init(GstLumamarkDetectClass* klass) {
                         G_MAXUINT, DEFAULT_INTERVAL,
                         G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING));
 
-  GstCaps* caps = gst_caps_from_string(LM_VIDEO_CAPS);
-  gst_element_class_add_pad_template(element_class, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));
-  gst_element_class_add_pad_template(element_class, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
-  gst_caps_unref(caps);
   gst_element_class_set_static_metadata(
       element_class, "lumamark watermark detector", "Filter/Analyzer/Video",
       "Reads the lumamark watermark from planar YUV video passing through and posts lumamark-detection messages",

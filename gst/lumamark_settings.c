@@ -78,7 +78,12 @@ static const gchar* default_text(const LmSetting* s) {
   return (const char*)library_defaults() + s->offset;
 }
 
-void lm_settings_install(GObjectClass* klass, guint which) {
+void lm_element_class_init(GstElementClass* element_class, guint which) {
+  GstCaps* caps = gst_caps_from_string(LM_VIDEO_CAPS);
+  gst_element_class_add_pad_template(element_class, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));
+  gst_element_class_add_pad_template(element_class, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
+  gst_caps_unref(caps);
+  GObjectClass* klass = G_OBJECT_CLASS(element_class);
   const GParamFlags flags = G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY;
   for (guint i = 0; i < N_SETTINGS; i++) {
     const LmSetting* s = &settings[i];

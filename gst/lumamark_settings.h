@@ -26,8 +26,9 @@ typedef struct LmSettingValues {
   gchar* texts[24];
 } LmSettingValues;
 
-/* Installs the properties of the settings that `which` element has. */
-void lm_settings_install(GObjectClass* klass, guint which);
+/* Installs the properties of the settings that `which` element has, and
+ * the sink and src pad templates (LM_VIDEO_CAPS) both elements share. */
+void lm_element_class_init(GstElementClass* klass, guint which);
 
 /* Fills v with the defaults of the element `which`. */
 void lm_settings_init(LmSettingValues* v, guint which);
