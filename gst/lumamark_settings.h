@@ -36,7 +36,7 @@ void lm_settings_clear(LmSettingValues* v);
 /* A deep copy, so that values can be used outside the object lock. */
 void lm_settings_copy(LmSettingValues* dst, const LmSettingValues* src);
 
-/* Property access for ids installed by lm_settings_install; FALSE when the
+/* Property access for ids installed by lm_element_class_init; FALSE when the
  * id is not one of them. */
 gboolean lm_settings_set_property(LmSettingValues* v, guint prop_id, const GValue* value);
 gboolean lm_settings_get_property(const LmSettingValues* v, guint prop_id, GValue* value);
