@@ -44,3 +44,17 @@ ensure_batch_deps() {
   done
   [ ${#missing[@]} -eq 0 ] || ensure_packages "${missing[@]}"
 }
+
+# GStreamer: the plugin's development packages, gst-launch-1.0 and the
+# elements its tests use (videotestsrc, rawvideoparse; mp4mux; x264enc).
+ensure_gst_deps() {
+  local plugins
+  plugins=/usr/lib/$(gcc -print-multiarch 2>/dev/null || echo x86_64-linux-gnu)/gstreamer-1.0
+  ensure_packages pkg-config:pkg-config \
+    /usr/include/gstreamer-1.0/gst/gst.h:libgstreamer1.0-dev \
+    /usr/include/gstreamer-1.0/gst/video/video.h:libgstreamer-plugins-base1.0-dev \
+    gst-launch-1.0:gstreamer1.0-tools \
+    "$plugins/libgstvideotestsrc.so:gstreamer1.0-plugins-base" \
+    "$plugins/libgstisomp4.so:gstreamer1.0-plugins-good" \
+    "$plugins/libgstx264.so:gstreamer1.0-plugins-ugly"
+}
