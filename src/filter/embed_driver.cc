@@ -250,8 +250,8 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
   if (deep_fake != 0 && measure_in_place == 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
     if (measures != nullptr) {
-      signal_measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
-                          geometry->border_h);
+      kernels().measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
+                             geometry->border_h);
     }
   }
 
