@@ -22,6 +22,43 @@ inline __m256i divide(__m256i n, __m256i half, __m256i mul, __m128i shift) {
   return _mm256_srl_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(n, half), mul), shift);
 }
 
+// Rounded division by one divisor n in every lane (small_divisor16).
+struct LaneDivisor {
+  __m256i mul;
+  __m128i shift;
+  __m256i half;  // n / 2, for rounding half up
+
+  explicit LaneDivisor(uint32_t n) {
+    const SmallDivisor16 d = small_divisor16(n);
+    mul = _mm256_set1_epi16(static_cast<int16_t>(d.mul));
+    shift = _mm_cvtsi32_si128(d.shift);
+    half = _mm256_set1_epi16(static_cast<int16_t>(n / 2));
+  }
+};
+
+// Per lane: the interpolation (lo x w_lo + hi x w_hi) / n, rounded half up;
+// the weighted sum stays below 256 n.
+inline __m256i interpolate(__m256i lo, __m256i w_lo, __m256i hi, __m256i w_hi, const LaneDivisor& n) {
+  return divide(_mm256_add_epi16(_mm256_mullo_epi16(lo, w_lo), _mm256_mullo_epi16(hi, w_hi)), n.half,
+                n.mul, n.shift);
+}
+
+// The residual of pixel p against its closest prediction, as the plain
+// kernel chooses it: dh < min(dv, dm) takes the horizontal one h, else
+// dm <= dv the mean m of both, else the vertical one v.
+inline __m256i closest_residual(__m256i p, __m256i h, __m256i v) {
+  const __m256i m = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(h, v), _mm256_set1_epi16(1)), 1);
+  const __m256i rh = _mm256_sub_epi16(p, h);
+  const __m256i rv = _mm256_sub_epi16(p, v);
+  const __m256i rm = _mm256_sub_epi16(p, m);
+  const __m256i ah = _mm256_abs_epi16(rh);
+  const __m256i av = _mm256_abs_epi16(rv);
+  const __m256i am = _mm256_abs_epi16(rm);
+  const __m256i take_h = _mm256_cmpgt_epi16(_mm256_min_epi16(av, am), ah);
+  const __m256i take_v = _mm256_cmpgt_epi16(am, av);
+  return _mm256_blendv_epi8(_mm256_blendv_epi8(rm, rv, take_v), rh, take_h);
+}
+
 // Byte shuffles that move a row left by 0..15 bytes, zeros coming in.
 struct ShiftTable {
   alignas(16) uint8_t order[16][16];
@@ -74,14 +111,8 @@ int32_t signal_measure_avx2(const uint8_t* luma, const FrameGeometry* geometry, 
   const __m256i valid = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(iw + 1)), j);
   const __m256i w_right = j;
   const __m256i w_left = _mm256_sub_epi16(_mm256_set1_epi16(static_cast<int16_t>(nW)), j);
-  const SmallDivisor16 dw = small_divisor16(nW);
-  const SmallDivisor16 dh = small_divisor16(nH);
-  const __m256i w_mul = _mm256_set1_epi16(static_cast<int16_t>(dw.mul));
-  const __m128i w_shift = _mm_cvtsi32_si128(dw.shift);
-  const __m256i w_half = _mm256_set1_epi16(static_cast<int16_t>(nW / 2));
-  const __m256i h_mul = _mm256_set1_epi16(static_cast<int16_t>(dh.mul));
-  const __m128i h_shift = _mm_cvtsi32_si128(dh.shift);
-  const __m256i h_half = _mm256_set1_epi16(static_cast<int16_t>(nH / 2));
+  const LaneDivisor by_w(nW);
+  const LaneDivisor by_h(nH);
   const __m256i one = _mm256_set1_epi16(1);
 
   __m256i sum = _mm256_setzero_si256();
@@ -90,24 +121,11 @@ int32_t signal_measure_avx2(const uint8_t* luma, const FrameGeometry* geometry, 
     const __m256i p = widened_from(load_row16(row, sp_w), shift);
     const __m256i left = _mm256_set1_epi16(row[bw - 1]);
     const __m256i right = _mm256_set1_epi16(row[sp_w - bw]);
-    const __m256i h = divide(_mm256_add_epi16(_mm256_mullo_epi16(left, w_left), _mm256_mullo_epi16(right, w_right)),
-                             w_half, w_mul, w_shift);
+    const __m256i h = interpolate(left, w_left, right, w_right, by_w);
     const __m256i wi = _mm256_set1_epi16(static_cast<int16_t>(i));
     const __m256i wt = _mm256_set1_epi16(static_cast<int16_t>(nH - i));
-    const __m256i v = divide(_mm256_add_epi16(_mm256_mullo_epi16(top, wt), _mm256_mullo_epi16(bottom, wi)),
-                             h_half, h_mul, h_shift);
-    const __m256i m = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(h, v), one), 1);
-    const __m256i rh = _mm256_sub_epi16(p, h);
-    const __m256i rv = _mm256_sub_epi16(p, v);
-    const __m256i rm = _mm256_sub_epi16(p, m);
-    const __m256i ah = _mm256_abs_epi16(rh);
-    const __m256i av = _mm256_abs_epi16(rv);
-    const __m256i am = _mm256_abs_epi16(rm);
-    // dh < min(dv, dm): horizontal; else dm <= dv: mean; else vertical.
-    const __m256i take_h = _mm256_cmpgt_epi16(_mm256_min_epi16(av, am), ah);
-    const __m256i take_v = _mm256_cmpgt_epi16(am, av);
-    const __m256i r = _mm256_blendv_epi8(_mm256_blendv_epi8(rm, rv, take_v), rh, take_h);
-    sum = _mm256_add_epi16(sum, _mm256_and_si256(r, valid));
+    const __m256i v = interpolate(top, wt, bottom, wi, by_h);
+    sum = _mm256_add_epi16(sum, _mm256_and_si256(closest_residual(p, h, v), valid));
   }
   // Each lane holds at most 62 residuals of at most 255: no 16-bit overflow.
   __m256i wide = _mm256_madd_epi16(sum, one);
@@ -168,15 +186,8 @@ void signal_measure_grid_avx2(const uint8_t* luma, int32_t cols, int32_t rows, i
     left[x] = right[x] = 0;  // lanes past the last superpixel stay defined
   }
 
-  const SmallDivisor16 dw = small_divisor16(nW);
-  const SmallDivisor16 dh = small_divisor16(nH);
-  const __m256i w_mul = _mm256_set1_epi16(static_cast<int16_t>(dw.mul));
-  const __m128i w_shift = _mm_cvtsi32_si128(dw.shift);
-  const __m256i w_half = _mm256_set1_epi16(static_cast<int16_t>(nW / 2));
-  const __m256i h_mul = _mm256_set1_epi16(static_cast<int16_t>(dh.mul));
-  const __m128i h_shift = _mm_cvtsi32_si128(dh.shift);
-  const __m256i h_half = _mm256_set1_epi16(static_cast<int16_t>(nH / 2));
-  const __m256i one = _mm256_set1_epi16(1);
+  const LaneDivisor by_w(nW);
+  const LaneDivisor by_h(nH);
   auto lanes_at = [](const int16_t* a, int32_t x) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a + x));
   };
@@ -210,22 +221,10 @@ void signal_measure_grid_avx2(const uint8_t* luma, int32_t cols, int32_t rows, i
       const __m256i wt = _mm256_set1_epi16(static_cast<int16_t>(nH - static_cast<uint32_t>(i)));
       for (int32_t x = 0; x < n; x += 16) {
         const __m256i p = samples(row, x);
-        const __m256i h = divide(_mm256_add_epi16(_mm256_mullo_epi16(lanes_at(left, x), lanes_at(w_left, x)),
-                                                  _mm256_mullo_epi16(lanes_at(right, x), lanes_at(w_right, x))),
-                                 w_half, w_mul, w_shift);
-        const __m256i v = divide(_mm256_add_epi16(_mm256_mullo_epi16(samples(top, x), wt),
-                                                  _mm256_mullo_epi16(samples(bottom, x), wi)),
-                                 h_half, h_mul, h_shift);
-        const __m256i m = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(h, v), one), 1);
-        const __m256i rh = _mm256_sub_epi16(p, h);
-        const __m256i rv = _mm256_sub_epi16(p, v);
-        const __m256i rm = _mm256_sub_epi16(p, m);
-        const __m256i ah = _mm256_abs_epi16(rh);
-        const __m256i av = _mm256_abs_epi16(rv);
-        const __m256i am = _mm256_abs_epi16(rm);
-        const __m256i take_h = _mm256_cmpgt_epi16(_mm256_min_epi16(av, am), ah);
-        const __m256i take_v = _mm256_cmpgt_epi16(am, av);
-        const __m256i res = _mm256_blendv_epi8(_mm256_blendv_epi8(rm, rv, take_v), rh, take_h);
+        const __m256i h =
+            interpolate(lanes_at(left, x), lanes_at(w_left, x), lanes_at(right, x), lanes_at(w_right, x), by_w);
+        const __m256i v = interpolate(samples(top, x), wt, samples(bottom, x), wi, by_h);
+        const __m256i res = closest_residual(p, h, v);
         // At most 62 residuals of at most 255 per column: no 16-bit overflow.
         const __m256i sum = _mm256_add_epi16(lanes_at(acc, x), _mm256_and_si256(res, lanes_at(inner, x)));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(acc + x), sum);
