@@ -2,6 +2,7 @@
 // whether they carry a watermark and which ID.
 #include "cli/detect_cli.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -19,6 +20,24 @@
 namespace lumamark {
 
 namespace {
+
+// The frame buffer grows in pieces of at most this size as the input
+// arrives, so that a frame far larger than the input costs only the input.
+constexpr size_t kFramePiece = size_t{16} << 20;
+
+// Reads one whole frame of frame_bytes into *frame; false when the input
+// ends (or fails) first. The buffer is grown only as far as bytes arrive.
+bool read_frame(FILE* in, size_t frame_bytes, std::vector<uint8_t>* frame) {
+  size_t have = 0;
+  while (have < frame_bytes) {
+    const size_t piece = std::min(kFramePiece, frame_bytes - have);
+    if (frame->size() < have + piece) frame->resize(have + piece);
+    const size_t got = std::fread(frame->data() + have, 1, piece, in);
+    have += got;
+    if (got != piece) return false;
+  }
+  return true;
+}
 
 std::string format_z(double z) {
   char buf[64];
@@ -175,10 +194,10 @@ int run_detect_checked(int argc, char** argv) {
       return 1;
     }
   }
-  std::vector<uint8_t> frame(static_cast<size_t>(frame_bytes));
+  std::vector<uint8_t> frame;
   int64_t frames = 0;
   while (o.max_frames < 0 || frames < o.max_frames) {
-    if (std::fread(frame.data(), 1, frame.size(), in) != frame.size()) break;
+    if (!read_frame(in, static_cast<size_t>(frame_bytes), &frame)) break;
     detector_add_frame(&d, frame.data(), c.width);
     ++frames;
   }
