@@ -13,6 +13,7 @@
 #include <iostream>
 
 #include "cli/progress.h"
+#include "cli/stop_signals.h"
 #include "kernels/intmath.h"
 
 namespace lumamark {
@@ -36,20 +37,28 @@ namespace {
 // frame the output does not take (a full disk, a closed descriptor) is lost
 // and the run goes on, as the tool's contract has it.
 LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
-                   FILE* out, int32_t width, int32_t height, int32_t seed) {
+                   FILE* out, int32_t width, int32_t height, int32_t seed,
+                   const StopSignals* stops) {
   const size_t frame = static_cast<size_t>(frame_size);
+  const int in_fd = fileno(in);
   // Drawn only when standard error is a terminal; erased before any message.
   Progress progress;
   size_t fill = 0;
   for (;;) {
     // A frame may arrive in several pieces, as from a pipe; end of input and
-    // a read error both end the loop, dropping any partial frame.
-    const size_t got = std::fread(buffer + fill, 1, frame - fill, in);
-    if (got == 0) {
+    // a read error both end the loop, dropping any partial frame. So does a
+    // stop signal, which is taken only here, between whole frames.
+    if (!stops->wait_readable(in_fd)) {
       progress.finish();
       return LoopEnd::Done;
     }
-    fill += got;
+    const ssize_t got = ::read(in_fd, buffer + fill, frame - fill);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      progress.finish();
+      return LoopEnd::Done;
+    }
+    fill += static_cast<size_t>(got);
     if (fill < frame) continue;
     if (wm_filter_apply(filter, buffer, width, height, width, seed) != 0) {
       progress.finish();
@@ -98,10 +107,10 @@ class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
                    int64_t frame_size, int in_fd, int out_fd, int32_t width, int32_t height,
-                   int32_t seed)
+                   int32_t seed, const StopSignals* stops)
       : filter_(filter), slots_(slots), slot_count_(slot_count), frame_(static_cast<size_t>(frame_size)),
         frame_size_(frame_size), in_fd_(in_fd), out_fd_(out_fd), width_(width), height_(height),
-        seed_(seed) {}
+        seed_(seed), stops_(stops) {}
 
   OverlappedFrames(const OverlappedFrames&) = delete;
   OverlappedFrames& operator=(const OverlappedFrames&) = delete;
@@ -197,11 +206,13 @@ class OverlappedFrames {
     pthread_join(reader_, nullptr);
   }
 
-  // One read of the input, the only place where the reader may be cancelled.
+  // One wait for input and read of it, the only place where the reader may
+  // be cancelled, and where a stop signal is taken (it then reads nothing
+  // and returns 0, as at the end of the input).
   ssize_t cancellable_read(uint8_t* to, size_t bytes) {
     int old = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
-    const ssize_t got = read(in_fd_, to, bytes);
+    const ssize_t got = stops_->wait_readable(in_fd_) ? read(in_fd_, to, bytes) : 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
     return got;
   }
@@ -275,6 +286,7 @@ class OverlappedFrames {
   int32_t width_;
   int32_t height_;
   int32_t seed_;
+  const StopSignals* stops_;
   Progress* progress_ = nullptr;
   pthread_t reader_{};
   pthread_t writer_{};
@@ -297,9 +309,10 @@ class OverlappedFrames {
 // with a log each frame is marked only after the one before it is written,
 // exactly as in the plain loop, which is then used.
 LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
-                      FILE* out, int32_t width, int32_t height, int32_t seed, bool logging) {
+                      FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
+                      const StopSignals* stops) {
   if (frame_size < kOverlapMinFrame || logging) {
-    return run_frames(filter, buffer, frame_size, in, out, width, height, seed);
+    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, stops);
   }
   // Nothing else writes the output during the loop; what the stream holds
   // goes out before the frames.
@@ -321,16 +334,43 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
   LoopEnd end;
   {
     Progress progress;
-    OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height, seed);
+    OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height,
+                            seed, stops);
     if (frames.start()) {
       end = frames.run(&progress);
     } else {
       progress.finish();
-      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed);
+      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, stops);
     }
   }
   for (int32_t i = 2; i < slot_count; ++i) std::free(slots[i]);
   return end;
+}
+
+OutputStart output_start(FILE* out) {
+  OutputStart start;
+  std::fflush(out);
+  const int fd = fileno(out);
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return start;
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0) return start;
+  // Appended writes land at the end, whatever the offset says now.
+  const off_t offset = (flags & O_APPEND) != 0 ? st.st_size : lseek(fd, 0, SEEK_CUR);
+  if (offset < 0) return start;
+  start.regular = true;
+  start.offset = offset;
+  return start;
+}
+
+void keep_whole_frames(FILE* out, const OutputStart& start, int64_t frame_size) {
+  std::fflush(out);
+  if (!start.regular || frame_size <= 0) return;
+  const int fd = fileno(out);
+  const off_t end = lseek(fd, 0, SEEK_CUR);
+  if (end < start.offset) return;
+  const off_t partial = (end - start.offset) % frame_size;
+  if (partial != 0) (void)!ftruncate(fd, end - partial);
 }
 
 }  // namespace lumamark
