@@ -36,22 +36,25 @@ TEST(DataSafety, OutputOrLogNamingTheInputIsRefused) {
   const std::string log_out = "Error: --embed-log names the output file: ";
   struct Case {
     Args args;
-    bool stdin_is_input;  // the input arrives on standard input, from in.yuv
+    std::string redirect;  // shell redirections of the run, if any
     std::string err;
   };
+  const std::string from_in = " <'" + in + "'", append_in = " >>'" + in + "'";
   const Case cases[] = {
-      {{"--input-file", in, "--output-file", in}, false, same_out + in},
-      {{"--input-file", in, "--output-file", dir.file("in-link.yuv")}, false, same_out + dir.file("in-link.yuv")},
-      {{"--input-file", dir.file("in-link.yuv"), "--output-file", dir.file("in-hard.yuv")}, false,
+      {{"--input-file", in, "--output-file", in}, "", same_out + in},
+      {{"--input-file", in, "--output-file", dir.file("in-link.yuv")}, "", same_out + dir.file("in-link.yuv")},
+      {{"--input-file", dir.file("in-link.yuv"), "--output-file", dir.file("in-hard.yuv")}, "",
        same_out + dir.file("in-hard.yuv")},
-      {{"--output-file", in}, true, same_out + in},
-      {{"--input-file", in, "--output-file", out, "--embed-log", dir.file("in-link.yuv")}, false,
+      {{"--output-file", in}, from_in, same_out + in},
+      // Appending to the input would feed the run its own output.
+      {{"--input-file", in}, append_in, "Error: the standard output is the input file"},
+      {{"--input-file", in, "--output-file", out, "--embed-log", dir.file("in-link.yuv")}, "",
        log_in + dir.file("in-link.yuv")},
-      {{"--embed-log", in, "--output-file", out}, true, log_in + in},
-      {{"--input-file", in, "--output-file", out, "--embed-log", out}, false, log_out + out},
+      {{"--embed-log", in, "--output-file", out}, from_in, log_in + in},
+      {{"--input-file", in, "--output-file", out, "--embed-log", out}, "", log_out + out},
       // An output that does not exist yet is created, found to be the log,
       // and removed again.
-      {{"--input-file", in, "--output-file", log, "--embed-log", log}, false, log_out + log},
+      {{"--input-file", in, "--output-file", log, "--embed-log", log}, "", log_out + log},
   };
   for (const Case& c : cases) {
     write_file(in, video);
@@ -61,8 +64,8 @@ TEST(DataSafety, OutputOrLogNamingTheInputIsRefused) {
     ::unlink(log.c_str());
     const std::string what = testing::PrintToString(c.args);
     RunResult r;
-    if (c.stdin_is_input) {
-      r = run_shell(shell_words(cat(kSmall, c.args)) + " <'" + in + "'");
+    if (!c.redirect.empty()) {
+      r = run_shell(shell_words(cat(kSmall, c.args)) + c.redirect);
     } else {
       r = run_tool(cat(kSmall, c.args));
     }
@@ -84,15 +87,17 @@ TEST(DataSafety, OutputOrLogNamingTheInputIsRefused) {
   EXPECT_EQ(null.out + null.err, "");
 }
 
-TEST(DataSafety, EmbedLogNamingThePayloadFileIsRefused) {
+TEST(DataSafety, OutputOrLogNamingThePayloadFileIsRefused) {
   TempDir dir;
   const std::string pay = dir.file("p.bin");
   ASSERT_TRUE(run_tool(cat(kSmall, {"--wm-id", "1", "--payload-file", pay})).exited(0));
   const std::string saved = read_file(pay);
-  const RunResult r = run_tool({"--payload-file", pay, "--embed-log", pay}, random_bytes(kSmallFrame, 2));
-  EXPECT_TRUE(r.exited(1));
-  EXPECT_EQ(r.err, "Error: --embed-log names the payload file: " + pay + "\n");
-  EXPECT_TRUE(read_file(pay) == saved);
+  for (const char* option : {"--embed-log", "--output-file"}) {
+    const RunResult r = run_tool({"--payload-file", pay, option, pay}, random_bytes(kSmallFrame, 2));
+    EXPECT_TRUE(r.exited(1)) << option;
+    EXPECT_EQ(r.err, "Error: " + std::string(option) + " names the payload file: " + pay + "\n");
+    EXPECT_TRUE(read_file(pay) == saved) << option;
+  }
 }
 
 TEST(DataSafety, PayloadFileIsReplacedOnlyByACompleteOne) {
