@@ -64,25 +64,25 @@ extern "C" {
  * lumamark_params_default and change it with lumamark_params_set; the fields
  * may also be written directly. Text fields are NUL-terminated. */
 typedef struct lumamark_params {
-  int32_t width;          /* marked frame width in pixels, >= 1; default 1920 ("width") */
-  int32_t height;         /* marked frame height in pixels, >= 1; default 1080 ("height") */
+  int32_t width;          /* marked frame width in pixels, 1..65535; default 1920 ("width") */
+  int32_t height;         /* marked frame height in pixels, 1..65535 (width x height x 3 < 2^31); default 1080 ("height") */
   char pix_fmt[16];       /* "yuv420p" (default), "yuv422p" or "yuv444p" ("pix-fmt") */
   char wm_id[LUMAMARK_TEXT_MAX];    /* watermark ID, hexadecimal; default "0" ("wm-id") */
   char user_urn[LUMAMARK_TEXT_MAX]; /* user organisation URN, 32 hex digits; default 32 zeros ("user-urn") */
-  int32_t strength;       /* embedding strength, >= 1; default 3 ("strength") */
+  int32_t strength;       /* embedding strength, 1..127; default 3 ("strength") */
   int32_t fec;            /* forward error correction: 0 or 2; default 2 ("fec") */
-  int32_t bit_profile;    /* payload bits; default 13 ("bit-profile") */
+  int32_t bit_profile;    /* payload bits, 1..2048; default 13 ("bit-profile") */
   int32_t sp_width;       /* superpixel side in pixels, 5..64; default 7 ("sp-width") */
-  int32_t spb_width;      /* superpixel border; 0 = automatic; default 0 ("spb-width") */
+  int32_t spb_width;      /* superpixel border 0..31, below half the side; 0 = automatic; default 0 ("spb-width") */
   int32_t pm_mode;        /* perceptual mode 0..3; default 3 ("pm-mode") */
   int32_t seed;           /* mask seed 0..31; -1 = from the image; default -1 ("seed") */
   int32_t sp_density;     /* superpixel density in percent, 0..100; default 100 ("sp-density") */
-  int32_t p_density;      /* pixel density in percent; default 100 ("p-density") */
-  int32_t deep_fake;      /* 1 = repeat embedding up to a signal target; default 0 ("deep-fake") */
+  int32_t p_density;      /* pixel density in percent, 0..100; default 100 ("p-density") */
+  int32_t deep_fake;      /* 1 = repeat embedding up to a signal target, 0 = not; default 0 ("deep-fake") */
   int32_t threads;        /* worker threads, 0 = one per processor, at most 64; default 1 ("threads") */
   char payload_file[LUMAMARK_TEXT_MAX]; /* saved payload to embed instead of wm_id; "" = none ("payload-file") */
-  int32_t input_width;    /* detector: width of the copy being read; 0 = width; default 0 ("input-width") */
-  int32_t input_height;   /* detector: height of the copy being read; 0 = height; default 0 ("input-height") */
+  int32_t input_width;    /* detector: width of the copy being read, 0..65535; 0 = width; default 0 ("input-width") */
+  int32_t input_height;   /* detector: height of the copy being read, 0..65535; 0 = height; default 0 ("input-height") */
   int32_t search;         /* detector: geometric search, 0 none, 1 fast, 2 full; default 1 ("search": none|fast|full) */
 } lumamark_params;
 
@@ -125,15 +125,20 @@ LUMAMARK_API void lumamark_params_default(lumamark_params* p);
 
 /* Sets the setting called name (a command-line option name without the
  * dashes, e.g. "wm-id", "sp-width", "deep-fake") from its text value. Flags
- * such as "deep-fake" take "1" or "0". Returns 0, LUMAMARK_ENAME for an
- * unknown name or LUMAMARK_EVALUE for a malformed or out-of-range value (p is
- * then unchanged). Never aborts. */
+ * such as "deep-fake" take "1" or "0". Integers are strict decimal (an
+ * optional '-', digits, nothing else) within the range beside each field;
+ * "user-urn" takes exactly 32 hexadecimal digits; "search" takes "none",
+ * "fast" or "full". Returns 0, LUMAMARK_ENAME for an unknown name or
+ * LUMAMARK_EVALUE for a malformed or out-of-range value (p is then
+ * unchanged). Never aborts. */
 LUMAMARK_API int lumamark_params_set(lumamark_params* p, const char* name, const char* value);
 
 /* Opens an embedder for frames of p->width x p->height luma samples, with
- * the payload generated from p->wm_id or read from p->payload_file. Returns 0
- * and *out, or a negative code and *out = NULL. p is copied; it may be
- * changed or freed afterwards. */
+ * the payload generated from p->wm_id or read from p->payload_file (then
+ * p->wm_id and p->user_urn are not used, and the file must be for frames of
+ * p->width x p->height). Fields written directly are checked as
+ * lumamark_params_set checks them. Returns 0 and *out, or a negative code and
+ * *out = NULL. p is copied; it may be changed or freed afterwards. */
 LUMAMARK_API int lumamark_embedder_open(const lumamark_params* p, lumamark_embedder** out);
 
 /* Marks one luma plane in place: width x height samples, rows stride bytes
@@ -146,8 +151,10 @@ LUMAMARK_API int lumamark_embedder_process(lumamark_embedder* e, uint8_t* luma, 
 LUMAMARK_API void lumamark_embedder_close(lumamark_embedder* e);
 
 /* Opens a detector for the settings the copy was marked with, reading
- * frames of p->input_width x p->input_height (or the marked size). Returns 0
- * and *out, or a negative code and *out = NULL. */
+ * frames of p->input_width x p->input_height (or the marked size). Frames are
+ * read aligned with the marked frame for now: an input size other than the
+ * marked size gives LUMAMARK_EGEOMETRY. Returns 0 and *out, or a negative
+ * code and *out = NULL. */
 LUMAMARK_API int lumamark_detector_open(const lumamark_params* p, lumamark_detector** out);
 
 /* Adds one luma plane of the copy (input size, rows stride bytes apart).

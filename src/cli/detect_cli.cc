@@ -2,7 +2,6 @@
 // whether they carry a watermark and which ID.
 #include "cli/detect_cli.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -15,29 +14,12 @@
 #include "cli/frame_loop.h"
 #include "cli/option_table.h"
 #include "cli/options.h"
+#include "cli/y4m_stream.h"
 #include "payload/wm_id.h"
 
 namespace lumamark {
 
 namespace {
-
-// The frame buffer grows in pieces of at most this size as the input
-// arrives, so that a frame far larger than the input costs only the input.
-constexpr size_t kFramePiece = size_t{16} << 20;
-
-// Reads one whole frame of frame_bytes into *frame; false when the input
-// ends (or fails) first. The buffer is grown only as far as bytes arrive.
-bool read_frame(FILE* in, size_t frame_bytes, std::vector<uint8_t>* frame) {
-  size_t have = 0;
-  while (have < frame_bytes) {
-    const size_t piece = std::min(kFramePiece, frame_bytes - have);
-    if (frame->size() < have + piece) frame->resize(have + piece);
-    const size_t got = std::fread(frame->data() + have, 1, piece, in);
-    have += got;
-    if (got != piece) return false;
-  }
-  return true;
-}
 
 std::string format_z(double z) {
   char buf[64];
@@ -81,6 +63,9 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
                                     {"--wm-id", &o->expect_id}}) {
     rows.push_back(OptionRow{name, ArgKind::Text, nullptr, nullptr, nullptr, field});
   }
+  set_given_flag(&rows, "--width", &o->width_given);
+  set_given_flag(&rows, "--height", &o->height_given);
+  set_given_flag(&rows, "--pix-fmt", &o->pix_fmt_given);
   rows.push_back(OptionRow{"--frames", ArgKind::Count, nullptr, nullptr, &o->max_frames});
   rows.push_back(OptionRow{"--json", ArgKind::Flag, &o->json});
   const ParseRules rules{kVersion, "lumamark-detect", print_detect_usage, true, true};
@@ -156,14 +141,14 @@ int run_detect_checked(int argc, char** argv) {
   DetectOptions o;
   const DetectParse parsed = parse_detect_options(argc, argv, &o, std::cerr);
   if (parsed != DetectParse::kRun) return parsed == DetectParse::kError ? 1 : 0;
-  const DetectConfig& c = o.config;
+  DetectConfig& c = o.config;
   Detector d;
   std::string error;
   if (detector_init(&d, c, &error) != 0) {
     std::cerr << "Error: " << error << "\n";
     return 1;
   }
-  const int64_t frame_bytes = frame_size_for(o.pix_fmt, c.width, c.height);
+  int64_t frame_bytes = frame_size_for(o.pix_fmt, c.width, c.height);
   if (frame_bytes == 0) {
     std::cerr << "Error: Unsupported pixel format: " << o.pix_fmt
               << " (use yuv420p, yuv422p or yuv444p)\n";
@@ -186,23 +171,53 @@ int run_detect_checked(int argc, char** argv) {
     std::free(bits);
   }
 
-  FILE* in = stdin;
-  if (!o.input_file.empty()) {
-    in = std::fopen(o.input_file.c_str(), "rb");
-    if (in == nullptr) {
-      std::cerr << "Error: Cannot open input file: " << o.input_file << "\n";
-      return 1;
+  // y4m input: the header gives the frame size and layout, and the detector
+  // is built again for it when it differs from the options.
+  PeekedInput input;
+  std::string y4m_error;
+  PeekResult kind = peek_input(o.input_file, &input, &y4m_error);
+  if (input.file == nullptr) {
+    std::cerr << "Error: Cannot open input file: " << o.input_file << "\n";
+    return 1;
+  }
+  if (kind == PeekResult::kY4m) {
+    y4m_error = y4m_option_conflict(input.header, o.width_given, c.width, o.height_given, c.height,
+                                    o.pix_fmt_given, o.pix_fmt);
+    if (!y4m_error.empty()) kind = PeekResult::kRefused;
+  }
+  if (kind == PeekResult::kRefused) {
+    std::cerr << y4m_error << "\n";
+    return 1;
+  }
+  if (input.y4m) {
+    o.pix_fmt = input.header.pix_fmt;
+    frame_bytes = y4m_frame_bytes(input.header);
+    if (c.width != input.header.width || c.height != input.header.height) {
+      c.width = input.header.width;
+      c.height = input.header.height;
+      d = Detector();
+      if (detector_init(&d, c, &error) != 0) {
+        std::cerr << "Error: " << error << "\n";
+        return 1;
+      }
     }
   }
+  FILE* in = input.file;
+  FrameReader reader(&input, static_cast<size_t>(frame_bytes));
+  // Sized as the first frame arrives (see FrameReader::next).
   std::vector<uint8_t> frame;
   int64_t frames = 0;
   while (o.max_frames < 0 || frames < o.max_frames) {
-    if (!read_frame(in, static_cast<size_t>(frame_bytes), &frame)) break;
+    const Y4mLine got = reader.next(&frame);
+    if (got == Y4mLine::kBad) {
+      std::cerr << "Error: malformed y4m FRAME line before frame " << frames << "\n";
+      return 1;
+    }
+    if (got == Y4mLine::kEnd) break;
     detector_add_frame(&d, frame.data(), c.width);
     ++frames;
   }
   const bool read_error = std::ferror(in) != 0;
-  if (in != stdin) std::fclose(in);
   if (read_error) {
     std::cerr << "Error: Failed to read the input\n";
     return 1;

@@ -17,6 +17,9 @@ struct DetectOptions {
   int64_t max_frames = -1;   // --frames: frames to use, >= 1; -1 = all
   bool json = false;         // --json: one JSON object instead of words
   std::string expect_id;     // --wm-id: ID to compare against; empty = none
+  bool width_given = false;  // --width was given (a y4m header must agree with it)
+  bool height_given = false; // --height was given
+  bool pix_fmt_given = false;  // --pix-fmt was given
 };
 
 enum class DetectParse { kRun, kHelp, kVersion, kError };

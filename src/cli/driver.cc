@@ -1,5 +1,5 @@
 // The run driver: chooses the payload source, prepares the filter and streams
-// raw frames from the input through the filter to the output.
+// raw or y4m frames from the input through the filter to the output.
 #include "cli/driver.h"
 
 #include <fcntl.h>
@@ -20,6 +20,7 @@
 #include "cli/options.h"
 #include "cli/payload_file.h"
 #include "cli/stop_signals.h"
+#include "cli/y4m_stream.h"
 #include "filter/filter.h"
 #include "payload/layout.h"
 
@@ -106,6 +107,30 @@ int run_lumamark(int argc, char** argv) {
   }
   if (!check_config(config)) return 1;
 
+  // An input starting with the y4m signature is read as y4m: its header
+  // gives the frame size and layout. The payload-saving mode never reads the
+  // input, so it is not looked at then.
+  PeekedInput peeked;
+  if (choose_source(config) != PayloadSource::SaveGenerated) {
+    std::string refusal;
+    PeekResult kind = peek_input(config.input_file, &peeked, &refusal);
+    if (kind == PeekResult::kY4m) {
+      refusal = y4m_option_conflict(peeked.header, config.width_given, config.width,
+                                    config.height_given, config.height, config.pix_fmt_given,
+                                    config.pix_fmt);
+      kind = refusal.empty() ? kind : PeekResult::kRefused;
+    }
+    if (kind == PeekResult::kRefused) {
+      std::cerr << refusal << std::endl;
+      return 1;
+    }
+    if (peeked.y4m) {
+      config.width = peeked.header.width;
+      config.height = peeked.header.height;
+      config.pix_fmt = peeked.header.pix_fmt;
+    }
+  }
+
   FilterGuard guard(wm_filter_create());
   WatermarkFilter* filter = guard.get();
   if (filter == nullptr) {
@@ -126,6 +151,11 @@ int run_lumamark(int argc, char** argv) {
   if (source == PayloadSource::FromFile) {
     PayloadData data;
     if (!read_payload_file(config.payload_file, config.fec, config.spb_width, &data)) {
+      return 1;
+    }
+    if (peeked.y4m && (data.width != width || data.height != height)) {
+      std::cerr << "Error: the payload file is for " << data.width << "x" << data.height
+                << " frames, the y4m input holds " << width << "x" << height << std::endl;
       return 1;
     }
     width = data.width;
@@ -153,7 +183,8 @@ int run_lumamark(int argc, char** argv) {
     return 1;
   }
 
-  const int64_t frame_size = frame_size_for(config.pix_fmt, width, height);
+  const int64_t frame_size = peeked.y4m ? y4m_frame_bytes(peeked.header)
+                                        : frame_size_for(config.pix_fmt, width, height);
   const std::string refusal = frame_refusal(config, frame_size, width, height);
   // Settings whose frames are refused after the payload is generated are
   // refused before it: the payload of a grid that no frame can hold may take
@@ -214,8 +245,14 @@ int run_lumamark(int argc, char** argv) {
     return 1;
   }
 
-  FILE* in = stdin;
-  if (!config.input_file.empty()) {
+  // The input looked at above is used as it is; its first bytes of a raw
+  // stream open the first frame (every frame the filter accepts is longer).
+  // (A file that could not be opened then is tried again here, and its
+  // failure reported in its place.)
+  FILE* in = peeked.release();
+  const size_t prefill = peeked.head_size;
+  std::memcpy(buffer, peeked.head, prefill);
+  if (in == nullptr) {
     in = std::fopen(config.input_file.c_str(), "rb");
     if (in == nullptr) {
       std::cerr << "Error opening input file: " << config.input_file << std::endl;
@@ -271,10 +308,17 @@ int run_lumamark(int argc, char** argv) {
     // SIGINT and SIGTERM end the run between frames; the output then ends
     // on a frame boundary, and the signal is raised again below.
     StopSignals stops;
-    const OutputStart start = output_start(out);
-    end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,
-                        !config.embed_log.empty(), &stops);
-    keep_whole_frames(out, start, frame_size);
+    if (peeked.y4m) {
+      end = run_y4m_frames(filter, peeked.header, buffer, in, out, config.seed, &stops)
+                ? LoopEnd::Done
+                : LoopEnd::FilterFailed;
+      std::fflush(out);
+    } else {
+      const OutputStart start = output_start(out);
+      end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,
+                          !config.embed_log.empty(), prefill, &stops);
+      keep_whole_frames(out, start, frame_size);
+    }
 
     // The standard streams stay open; files are closed on every path.
     if (in != stdin) std::fclose(in);

@@ -35,15 +35,16 @@ namespace {
 // Streams whole frames from in to out through the filter, until the input
 // ends or the filter fails on a frame. Write results are not examined: a
 // frame the output does not take (a full disk, a closed descriptor) is lost
-// and the run goes on, as the tool's contract has it.
+// and the run goes on, as the tool's contract has it. The first prefill bytes
+// of the first frame are already in the buffer.
 LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
-                   FILE* out, int32_t width, int32_t height, int32_t seed,
+                   FILE* out, int32_t width, int32_t height, int32_t seed, size_t prefill,
                    const StopSignals* stops) {
   const size_t frame = static_cast<size_t>(frame_size);
   const int in_fd = fileno(in);
   // Drawn only when standard error is a terminal; erased before any message.
   Progress progress;
-  size_t fill = 0;
+  size_t fill = prefill;
   for (;;) {
     // A frame may arrive in several pieces, as from a pipe; end of input and
     // a read error both end the loop, dropping any partial frame. So does a
@@ -55,7 +56,7 @@ LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size,
     const ssize_t got = ::read(in_fd, buffer + fill, frame - fill);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) {
-      progress.finish();
+      progress.summarize();
       return LoopEnd::Done;
     }
     fill += static_cast<size_t>(got);
@@ -107,10 +108,10 @@ class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
                    int64_t frame_size, int in_fd, int out_fd, int32_t width, int32_t height,
-                   int32_t seed, const StopSignals* stops)
+                   int32_t seed, size_t prefill, const StopSignals* stops)
       : filter_(filter), slots_(slots), slot_count_(slot_count), frame_(static_cast<size_t>(frame_size)),
         frame_size_(frame_size), in_fd_(in_fd), out_fd_(out_fd), width_(width), height_(height),
-        seed_(seed), stops_(stops) {}
+        seed_(seed), prefill_(prefill), stops_(stops) {}
 
   OverlappedFrames(const OverlappedFrames&) = delete;
   OverlappedFrames& operator=(const OverlappedFrames&) = delete;
@@ -162,7 +163,11 @@ class OverlappedFrames {
     signal();
     unlock();
     pthread_join(writer_, nullptr);
-    progress->finish();
+    if (end == LoopEnd::Done) {
+      progress->summarize();
+    } else {
+      progress->finish();
+    }
     if (end == LoopEnd::FilterFailed) std::cerr << "Error applying watermark" << std::endl;
     return end;
   }
@@ -228,7 +233,8 @@ class OverlappedFrames {
       unlock();
       if (stop) break;
       uint8_t* buffer = slot(k);
-      size_t fill = 0;
+      // The start of the first frame may already be in its buffer.
+      size_t fill = k == 0 ? prefill_ : 0;
       while (fill < frame_) {
         const ssize_t got = cancellable_read(buffer + fill, frame_ - fill);
         if (got < 0 && errno == EINTR) continue;
@@ -286,6 +292,7 @@ class OverlappedFrames {
   int32_t width_;
   int32_t height_;
   int32_t seed_;
+  size_t prefill_;
   const StopSignals* stops_;
   Progress* progress_ = nullptr;
   pthread_t reader_{};
@@ -310,9 +317,9 @@ class OverlappedFrames {
 // exactly as in the plain loop, which is then used.
 LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
                       FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
-                      const StopSignals* stops) {
+                      size_t prefill, const StopSignals* stops) {
   if (frame_size < kOverlapMinFrame || logging) {
-    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, stops);
+    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
   }
   // Nothing else writes the output during the loop; what the stream holds
   // goes out before the frames.
@@ -335,12 +342,12 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
   {
     Progress progress;
     OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height,
-                            seed, stops);
+                            seed, prefill, stops);
     if (frames.start()) {
       end = frames.run(&progress);
     } else {
       progress.finish();
-      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, stops);
+      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
     }
   }
   for (int32_t i = 2; i < slot_count; ++i) std::free(slots[i]);

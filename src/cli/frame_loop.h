@@ -36,10 +36,12 @@ enum class LoopEnd {
 // Large frames without an embedding log (logging false) are read ahead and
 // written behind on threads of their own, with the same output, messages and
 // order. Write results are not examined: a frame the output does not take is
-// lost and the run goes on, as the tool's contract has it.
+// lost and the run goes on, as the tool's contract has it. The first prefill
+// bytes of the first frame (read to tell raw input from y4m) are already in
+// buffer.
 LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
                       FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
-                      const StopSignals* stops);
+                      size_t prefill, const StopSignals* stops);
 
 // Where the frames start in a regular output file; other outputs are not
 // examined.

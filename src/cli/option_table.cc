@@ -47,6 +47,7 @@ bool store(const OptionRow& row, const char* arg, const ParseRules& rules, std::
         value = static_cast<int32_t>(v);
       }
       *row.int_value = value;
+      if (row.flag != nullptr) *row.flag = true;
       return row.accept == nullptr || row.accept(value, err);
     }
     case ArgKind::Count: {
@@ -70,6 +71,12 @@ bool store(const OptionRow& row, const char* arg, const ParseRules& rules, std::
 }
 
 }  // namespace
+
+void set_given_flag(std::vector<OptionRow>* rows, std::string_view name, bool* flag) {
+  for (OptionRow& row : *rows) {
+    if (row.name == name) row.flag = flag;
+  }
+}
 
 ParseResult parse_option_table(int argc, char** argv, const OptionRow* rows, size_t row_count,
                                const ParseRules& rules, std::ostream& err) {

@@ -21,7 +21,7 @@ enum class ArgKind : int32_t {
 struct OptionRow {
   std::string_view name;                  // the option word, e.g. "--width"
   ArgKind kind;                           // what the option takes
-  bool* flag = nullptr;                   // Flag: set to true; Text: set to true when given
+  bool* flag = nullptr;                   // Flag: set to true; Int, Text: set to true when given
   int32_t* int_value = nullptr;           // Int target
   int64_t* count_value = nullptr;         // Count target
   std::string* text = nullptr;            // Text target
@@ -52,6 +52,10 @@ std::vector<OptionRow> shared_setting_rows(Settings* c,
   rows.push_back(OptionRow{"--user-urn", ArgKind::Text, nullptr, nullptr, nullptr, &c->user_urn});
   return rows;
 }
+
+// Points the row called name at flag, which the parser sets when the option
+// is given (for the y4m header check: an option given must agree with it).
+void set_given_flag(std::vector<OptionRow>* rows, std::string_view name, bool* flag);
 
 // How a tool's parser reports and converts.
 struct ParseRules {

@@ -34,9 +34,12 @@ ParseResult parse_options(int argc, char** argv, EmbedConfig* config) {
   text("--output-file", &c.output_file);
   text("--payload-file", &c.payload_file);
   text("--pix-fmt", &c.pix_fmt);
+  rows.back().flag = &c.pix_fmt_given;
   text("--embed-log", &c.embed_log);
   text("--wm-id", &c.wm_id);
   rows.back().flag = &c.wm_id_given;
+  set_given_flag(&rows, "--width", &c.width_given);
+  set_given_flag(&rows, "--height", &c.height_given);
   rows.push_back(OptionRow{"--p-density", ArgKind::Int, nullptr, &c.p_density});
   rows.push_back(OptionRow{"--pm-mode", ArgKind::Int, nullptr, &c.pm_mode});
   rows.push_back(OptionRow{"--sp-height", ArgKind::Skip});

@@ -33,6 +33,9 @@ struct EmbedConfig {
   int32_t threads = 1;                                     // worker threads; 0 = online processors
   bool deep_fake = false;                                  // repeat embedding up to a signal target
   bool wm_id_given = false;                                // --wm-id appeared on the command line
+  bool width_given = false;                                // --width appeared on the command line
+  bool height_given = false;                               // --height appeared on the command line
+  bool pix_fmt_given = false;                              // --pix-fmt appeared on the command line
 };
 
 // Fills config from argv[1..argc-1]. Integer options are converted with

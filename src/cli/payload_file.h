@@ -1,22 +1,16 @@
 // Payload file: a 20-byte little-endian header (width, height, SP width,
 // SP width again, count), the payload map, and in FEC mode 0 the index table.
+// The reading itself lives in payload/payload_reader.h; this reports its
+// failures.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace lumamark {
+#include "payload/payload_reader.h"
 
-struct PayloadData {
-  int32_t width = 0;                 // frame width the payload was made for
-  int32_t height = 0;                // frame height
-  int32_t sp_size = 0;               // superpixel side
-  int32_t bits = 0;                  // payload bits
-  int32_t encoded_bit_count = 0;     // coded payload symbols
-  std::vector<uint8_t> map;          // one byte per superpixel
-  std::vector<uint8_t> indexes;      // 16 x encoded_bit_count bytes in FEC mode 0, else empty
-};
+namespace lumamark {
 
 // Reads a payload file for FEC mode fec. spb_width is the border setting
 // (headers whose superpixel cannot hold its borders are refused). On failure

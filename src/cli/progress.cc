@@ -46,6 +46,21 @@ void Progress::tick() {
   drawn_len_ = visible + pad;
 }
 
+void Progress::summarize() {
+  if (!enabled_) return;
+  const double seconds = double(clock_() - start_) / 1e9;
+  const double fps = seconds > 0 ? double(frames_) / seconds : 0.0;
+  char line[128];
+  const int len = std::snprintf(line, sizeof line, "%lld frames in %.1f s, %.1f fps",
+                                static_cast<long long>(frames_), seconds, fps);
+  const int32_t visible = len < 0 ? 0 : len < int(sizeof line) ? len : int32_t(sizeof line) - 1;
+  const int32_t pad = drawn_len_ > visible ? drawn_len_ - visible : 0;
+  std::fprintf(out_, "\r%s%*s\n", line, int(pad), "");
+  std::fflush(out_);
+  drawn_len_ = 0;
+  enabled_ = false;
+}
+
 void Progress::finish() {
   if (!enabled_) return;
   enabled_ = false;

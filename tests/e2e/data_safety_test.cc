@@ -76,6 +76,13 @@ TEST(DataSafety, OutputOrLogNamingTheInputIsRefused) {
     EXPECT_TRUE(read_file(out) == old_out) << what;
     EXPECT_FALSE(file_exists(log)) << what;
   }
+  // A y4m input is protected the same way.
+  const std::string y4m_in = dir.file("in.y4m"), y4m = "YUV4MPEG2 W64 H48 C420jpeg\nFRAME\n" + video.substr(0, kSmallFrame);
+  write_file(y4m_in, y4m);
+  const RunResult y = run_tool({"--wm-id", "5", "--input-file", y4m_in, "--output-file", y4m_in});
+  EXPECT_TRUE(y.exited(1));
+  EXPECT_EQ(y.err, same_out + y4m_in + "\n");
+  EXPECT_TRUE(read_file(y4m_in) == y4m);
   // Earlier refusals keep their place: a missing input is reported as such.
   const RunResult missing = run_tool(cat(kSmall, {"--input-file", dir.file("no.yuv"), "--output-file", dir.file("no.yuv")}));
   EXPECT_TRUE(missing.exited(1));
@@ -252,6 +259,18 @@ TEST(DataSafety, SignalEndsTheRunOnAFrameBoundary) {
     EXPECT_EQ(r.out.size(), 2 * c.frame) << what;
     EXPECT_TRUE(r.out == full.out.substr(0, 2 * c.frame)) << what;
   }
+  // y4m: the header and two whole FRAME records, then half a frame.
+  const std::string head = "YUV4MPEG2 W64 H48 F25:1 C420jpeg\n", frame_line = "FRAME\n";
+  std::string y4m = head;
+  for (int f = 0; f < 3; ++f) y4m += frame_line + random_bytes(kSmallFrame, 10 + f);
+  const RunResult full = run_tool({"--wm-id", "5"}, y4m);
+  ASSERT_TRUE(full.exited(0)) << full.err;
+  const size_t record = frame_line.size() + kSmallFrame;
+  const RunResult r = interrupt_run({"--wm-id", "5"}, y4m.substr(0, head.size() + 2 * record + kSmallFrame / 2),
+                                    dir.file("out.y4m"), SIGTERM);
+  EXPECT_EQ(r.signal, SIGTERM) << "y4m: status " << r.status;
+  EXPECT_EQ(r.out.size(), head.size() + 2 * record);
+  EXPECT_TRUE(r.out == full.out.substr(0, head.size() + 2 * record));
 }
 
 }  // namespace

@@ -1,0 +1,1 @@
+"""Batch marking of many copies of one title on a Dask cluster."""
