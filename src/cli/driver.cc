@@ -267,7 +267,8 @@ int run_lumamark(int argc, char** argv) {
   bool created = false;
   if (!config.output_file.empty()) {
     struct stat st;
-    created = ::stat(config.output_file.c_str(), &st) != 0;
+    // A name that did not exist at all (lstat: a dangling link exists).
+    created = ::lstat(config.output_file.c_str(), &st) != 0;
     out_fd = ::open(config.output_file.c_str(), O_WRONLY | O_CREAT, 0666);
     if (out_fd < 0) {
       std::cerr << "Error opening output file: " << config.output_file << std::endl;
