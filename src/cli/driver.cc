@@ -279,19 +279,6 @@ int run_lumamark(int argc, char** argv) {
   }
   const std::string clash = same_file_refusal(config, source == PayloadSource::FromFile,
                                               file_id_of(fileno(in)), file_id_of(out_fd));
-  FILE* out = stdout;
-  if (clash.empty() && out_fd != STDOUT_FILENO) {
-    // Created or truncated, as an open for writing does.
-    if (file_id_of(out_fd).regular) (void)!::ftruncate(out_fd, 0);
-    out = ::fdopen(out_fd, "wb");
-    if (out == nullptr) {
-      std::cerr << "Error opening output file: " << config.output_file << std::endl;
-      ::close(out_fd);
-      if (in != stdin) std::fclose(in);
-      std::free(buffer);
-      return 1;
-    }
-  }
   if (!clash.empty()) {
     std::cerr << clash << std::endl;
     if (out_fd != STDOUT_FILENO) {
@@ -302,6 +289,20 @@ int run_lumamark(int argc, char** argv) {
     if (in != stdin) std::fclose(in);
     std::free(buffer);
     return 1;
+  }
+
+  FILE* out = stdout;
+  if (out_fd != STDOUT_FILENO) {
+    // Created or truncated, as an open for writing does.
+    if (file_id_of(out_fd).regular) (void)!::ftruncate(out_fd, 0);
+    out = ::fdopen(out_fd, "wb");
+    if (out == nullptr) {
+      std::cerr << "Error opening output file: " << config.output_file << std::endl;
+      ::close(out_fd);
+      if (in != stdin) std::fclose(in);
+      std::free(buffer);
+      return 1;
+    }
   }
 
   LoopEnd end;
