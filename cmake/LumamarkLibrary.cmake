@@ -42,7 +42,12 @@ add_library(lumamark_shared SHARED ${lumamark_lib_objects})
 target_include_directories(lumamark_shared PUBLIC ${lumamark_public_include})
 target_link_libraries(lumamark_shared PRIVATE Threads::Threads)
 target_link_options(lumamark_shared PRIVATE
-  -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/lumamark.map -Wl,--no-undefined)
+  -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/lumamark.map)
+# A sanitizer's runtime is linked into the executables only (clang), so a
+# sanitized shared library leaves its hooks for them to resolve.
+if(NOT LUMAMARK_SANITIZE)
+  target_link_options(lumamark_shared PRIVATE -Wl,--no-undefined)
+endif()
 set_target_properties(lumamark_shared PROPERTIES
   OUTPUT_NAME lumamark
   EXPORT_NAME lumamark

@@ -204,10 +204,11 @@ int run_detect_checked(int argc, char** argv) {
   }
   FILE* in = input.file;
   FrameReader reader(&input, static_cast<size_t>(frame_bytes));
-  std::vector<uint8_t> frame(static_cast<size_t>(frame_bytes));
+  // Sized as the first frame arrives (see FrameReader::next).
+  std::vector<uint8_t> frame;
   int64_t frames = 0;
   while (o.max_frames < 0 || frames < o.max_frames) {
-    const Y4mLine got = reader.next(frame.data());
+    const Y4mLine got = reader.next(&frame);
     if (got == Y4mLine::kBad) {
       std::cerr << "Error: malformed y4m FRAME line before frame " << frames << "\n";
       return 1;

@@ -2,6 +2,10 @@
 // raw or y4m frames from the input through the filter to the output.
 #include "cli/driver.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -11,9 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "cli/file_safety.h"
 #include "cli/frame_loop.h"
 #include "cli/options.h"
 #include "cli/payload_file.h"
+#include "cli/stop_signals.h"
 #include "cli/y4m_stream.h"
 #include "filter/filter.h"
 #include "payload/layout.h"
@@ -60,6 +66,29 @@ std::string frame_refusal(const EmbedConfig& config, int64_t frame_size, int32_t
     return "Failed to allocate frame buffer of size " +
            std::to_string(static_cast<uint64_t>(2 * frame_size));
   }
+  return std::string();
+}
+
+// The refusal for an output or embedding log that names a file the run
+// reads (the input, the payload file) or the output, or an empty text.
+// Only regular files count: a device or pipe on both sides loses nothing.
+std::string same_file_refusal(const EmbedConfig& config, bool payload_read, const FileId& input,
+                              const FileId& output) {
+  const bool named_output = !config.output_file.empty();
+  const FileId payload = payload_read ? file_id_of(config.payload_file) : FileId{};
+  if (same_file(output, input)) {
+    return named_output ? "Error: --output-file names the input file: " + config.output_file
+                        : "Error: the standard output is the input file";
+  }
+  if (same_file(output, payload)) {
+    return named_output ? "Error: --output-file names the payload file: " + config.output_file
+                        : "Error: the standard output is the payload file";
+  }
+  if (config.embed_log.empty()) return std::string();
+  const FileId log = file_id_of(config.embed_log);
+  if (same_file(log, input)) return "Error: --embed-log names the input file: " + config.embed_log;
+  if (same_file(log, output)) return "Error: --embed-log names the output file: " + config.embed_log;
+  if (same_file(log, payload)) return "Error: --embed-log names the payload file: " + config.embed_log;
   return std::string();
 }
 
@@ -231,11 +260,45 @@ int run_lumamark(int argc, char** argv) {
       return 1;
     }
   }
-  FILE* out = stdout;
+  // The output is opened without truncation first: a file that the run
+  // reads, or that its log would overwrite, is recognised before a byte of
+  // it is lost.
+  int out_fd = STDOUT_FILENO;
+  bool created = false;
   if (!config.output_file.empty()) {
-    out = std::fopen(config.output_file.c_str(), "wb");
+    struct stat st;
+    // A name that did not exist at all (lstat: a dangling link exists).
+    created = ::lstat(config.output_file.c_str(), &st) != 0;
+    out_fd = ::open(config.output_file.c_str(), O_WRONLY | O_CREAT, 0666);
+    if (out_fd < 0) {
+      std::cerr << "Error opening output file: " << config.output_file << std::endl;
+      if (in != stdin) std::fclose(in);
+      std::free(buffer);
+      return 1;
+    }
+  }
+  const std::string clash = same_file_refusal(config, source == PayloadSource::FromFile,
+                                              file_id_of(fileno(in)), file_id_of(out_fd));
+  if (!clash.empty()) {
+    std::cerr << clash << std::endl;
+    if (out_fd != STDOUT_FILENO) {
+      ::close(out_fd);
+      // An output that this run created (empty) goes again.
+      if (created) ::unlink(config.output_file.c_str());
+    }
+    if (in != stdin) std::fclose(in);
+    std::free(buffer);
+    return 1;
+  }
+
+  FILE* out = stdout;
+  if (out_fd != STDOUT_FILENO) {
+    // Created or truncated, as an open for writing does.
+    if (file_id_of(out_fd).regular) (void)!::ftruncate(out_fd, 0);
+    out = ::fdopen(out_fd, "wb");
     if (out == nullptr) {
       std::cerr << "Error opening output file: " << config.output_file << std::endl;
+      ::close(out_fd);
       if (in != stdin) std::fclose(in);
       std::free(buffer);
       return 1;
@@ -243,18 +306,28 @@ int run_lumamark(int argc, char** argv) {
   }
 
   LoopEnd end;
-  if (peeked.y4m) {
-    end = run_y4m_frames(filter, peeked.header, buffer, in, out, config.seed) ? LoopEnd::Done
-                                                                             : LoopEnd::FilterFailed;
-  } else {
-    end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,
-                        !config.embed_log.empty(), prefill);
-  }
+  {
+    // SIGINT and SIGTERM end the run between frames; the output then ends
+    // on a frame boundary, and the signal is raised again below.
+    StopSignals stops;
+    if (peeked.y4m) {
+      end = run_y4m_frames(filter, peeked.header, buffer, in, out, config.seed, &stops)
+                ? LoopEnd::Done
+                : LoopEnd::FilterFailed;
+      std::fflush(out);
+    } else {
+      const OutputStart start = output_start(out);
+      end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,
+                          !config.embed_log.empty(), prefill, &stops);
+      keep_whole_frames(out, start, frame_size);
+    }
 
-  // The standard streams stay open; files are closed on every path.
-  if (in != stdin) std::fclose(in);
-  if (out != stdout) std::fclose(out);
-  std::free(buffer);
+    // The standard streams stay open; files are closed on every path.
+    if (in != stdin) std::fclose(in);
+    if (out != stdout) std::fclose(out);
+    std::free(buffer);
+    stops.reraise_caught();
+  }
   return end == LoopEnd::Done ? 0 : 1;
 }
 

@@ -14,6 +14,7 @@
 
 #include "cli/progress.h"
 #include "cli/splice_io.h"
+#include "cli/stop_signals.h"
 #include "kernels/intmath.h"
 
 namespace lumamark {
@@ -38,20 +39,28 @@ namespace {
 // and the run goes on, as the tool's contract has it. The first prefill bytes
 // of the first frame are already in the buffer.
 LoopEnd run_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
-                   FILE* out, int32_t width, int32_t height, int32_t seed, size_t prefill) {
+                   FILE* out, int32_t width, int32_t height, int32_t seed, size_t prefill,
+                   const StopSignals* stops) {
   const size_t frame = static_cast<size_t>(frame_size);
+  const int in_fd = fileno(in);
   // Drawn only when standard error is a terminal; erased before any message.
   Progress progress;
   size_t fill = prefill;
   for (;;) {
     // A frame may arrive in several pieces, as from a pipe; end of input and
-    // a read error both end the loop, dropping any partial frame.
-    const size_t got = std::fread(buffer + fill, 1, frame - fill, in);
-    if (got == 0) {
+    // a read error both end the loop, dropping any partial frame. So does a
+    // stop signal, which is taken only here, between whole frames.
+    if (!stops->wait_readable(in_fd)) {
+      progress.finish();
+      return LoopEnd::Done;
+    }
+    const ssize_t got = ::read(in_fd, buffer + fill, frame - fill);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
       progress.summarize();
       return LoopEnd::Done;
     }
-    fill += got;
+    fill += static_cast<size_t>(got);
     if (fill < frame) continue;
     if (wm_filter_apply(filter, buffer, width, height, width, seed) != 0) {
       progress.finish();
@@ -100,10 +109,10 @@ class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
                    int64_t frame_size, int in_fd, int out_fd, int32_t width, int32_t height,
-                   int32_t seed, size_t prefill, ChromaPipe* chroma)
+                   int32_t seed, size_t prefill, const StopSignals* stops, ChromaPipe* chroma)
       : filter_(filter), slots_(slots), slot_count_(slot_count), frame_(static_cast<size_t>(frame_size)),
         frame_size_(frame_size), in_fd_(in_fd), out_fd_(out_fd), width_(width), height_(height),
-        seed_(seed), prefill_(prefill), chroma_(chroma) {}
+        seed_(seed), prefill_(prefill), stops_(stops), chroma_(chroma) {}
 
   OverlappedFrames(const OverlappedFrames&) = delete;
   OverlappedFrames& operator=(const OverlappedFrames&) = delete;
@@ -203,13 +212,20 @@ class OverlappedFrames {
     pthread_join(reader_, nullptr);
   }
 
-  // One read of the input, the only place where the reader may be cancelled.
+  // One wait for input and read of it, the only place where the reader may
+  // be cancelled, and where a stop signal is taken (it then reads nothing
+  // and returns 0, as at the end of the input).
   ssize_t cancellable_read(uint8_t* to, size_t bytes) {
+    return cancellable_wait() ? read(in_fd_, to, bytes) : 0;
+  }
+
+  // The wait alone, before chroma is spliced: false when a stop signal came.
+  bool cancellable_wait() {
     int old = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
-    const ssize_t got = read(in_fd_, to, bytes);
+    const bool readable = stops_->wait_readable(in_fd_);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-    return got;
+    return readable;
   }
 
   void read_frames() {
@@ -229,6 +245,8 @@ class OverlappedFrames {
       bool piping = chroma_ != nullptr;
       while (fill < frame_) {
         if (piping && fill >= chroma_->luma) {
+          // A stop signal is taken here too, as for the luma.
+          if (!cancellable_wait()) break;
           const int64_t moved = chroma_pipe_fill(chroma_, static_cast<int32_t>(k % slot_count_), in_fd_,
                                                   frame_ - fill);
           if (moved > 0) {
@@ -319,8 +337,9 @@ class OverlappedFrames {
   int32_t width_;
   int32_t height_;
   int32_t seed_;
-  size_t prefill_;      // bytes of the first frame already in slot 0
-  ChromaPipe* chroma_;  // chroma moved from pipe to pipe, or null
+  size_t prefill_;             // bytes of the first frame already in slot 0
+  const StopSignals* stops_;   // where a stop signal is taken
+  ChromaPipe* chroma_;         // chroma moved from pipe to pipe, or null
   // Per slot: chroma bytes of its frame in its pipe (set by the
   // reader before the frame counts as read).
   size_t piped_[kSlots] = {};
@@ -347,9 +366,9 @@ class OverlappedFrames {
 // exactly as in the plain loop, which is then used.
 LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
                       FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
-                      size_t prefill) {
+                      size_t prefill, const StopSignals* stops) {
   if (frame_size < kOverlapMinFrame || logging) {
-    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill);
+    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
   }
   // Nothing else writes the output during the loop; what the stream holds
   // goes out before the frames.
@@ -374,18 +393,44 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
   LoopEnd end;
   {
     Progress progress;
-    OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height, seed,
-                            prefill, piped ? &chroma : nullptr);
+    OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height,
+                            seed, prefill, stops, piped ? &chroma : nullptr);
     if (frames.start()) {
       end = frames.run(&progress);
     } else {
       progress.finish();
-      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill);
+      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
     }
   }
   chroma_pipe_close(&chroma);
   for (int32_t i = 2; i < slot_count; ++i) std::free(slots[i]);
   return end;
+}
+
+OutputStart output_start(FILE* out) {
+  OutputStart start;
+  std::fflush(out);
+  const int fd = fileno(out);
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return start;
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0) return start;
+  // Appended writes land at the end, whatever the offset says now.
+  const off_t offset = (flags & O_APPEND) != 0 ? st.st_size : lseek(fd, 0, SEEK_CUR);
+  if (offset < 0) return start;
+  start.regular = true;
+  start.offset = offset;
+  return start;
+}
+
+void keep_whole_frames(FILE* out, const OutputStart& start, int64_t frame_size) {
+  std::fflush(out);
+  if (!start.regular || frame_size <= 0) return;
+  const int fd = fileno(out);
+  const off_t end = lseek(fd, 0, SEEK_CUR);
+  if (end < start.offset) return;
+  const off_t partial = (end - start.offset) % frame_size;
+  if (partial != 0) (void)!ftruncate(fd, end - partial);
 }
 
 }  // namespace lumamark

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "cli/stop_signals.h"
 #include "filter/filter.h"
 
 namespace lumamark {
@@ -29,14 +30,30 @@ enum class LoopEnd {
 };
 
 // Streams whole frames from in to out through the filter until the input
-// ends or the filter fails on a frame. buffer holds two frames. Large frames
-// without an embedding log (logging false) are read ahead and written behind
-// on threads of their own, with the same output, messages and order. Write
-// results are not examined: a frame the output does not take is lost and the
-// run goes on, as the tool's contract has it. The first prefill bytes of the
-// first frame (read to tell raw input from y4m) are already in buffer.
+// ends, the filter fails on a frame, or a stop signal arrives (stops; the
+// frames already read are finished and written, a partial one is dropped,
+// and the loop ends as at the end of the input). buffer holds two frames.
+// Large frames without an embedding log (logging false) are read ahead and
+// written behind on threads of their own, with the same output, messages and
+// order. Write results are not examined: a frame the output does not take is
+// lost and the run goes on, as the tool's contract has it. The first prefill
+// bytes of the first frame (read to tell raw input from y4m) are already in
+// buffer.
 LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
                       FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
-                      size_t prefill);
+                      size_t prefill, const StopSignals* stops);
+
+// Where the frames start in a regular output file; other outputs are not
+// examined.
+struct OutputStart {
+  bool regular = false;
+  int64_t offset = 0;
+};
+OutputStart output_start(FILE* out);
+
+// Flushes out and, when it is a regular file in which a write failed part-way
+// through a frame (a full disk, a file-size limit), cuts that partial frame
+// off, so that the file holds whole frames only.
+void keep_whole_frames(FILE* out, const OutputStart& start, int64_t frame_size);
 
 }  // namespace lumamark

@@ -1,22 +1,16 @@
 // Payload file reader and writer.
 #include "cli/payload_file.h"
 
-#include <cstdio>
 #include <iostream>
+
+#include "cli/file_safety.h"
 
 namespace lumamark {
 namespace {
 
-void write_i32_le(FILE* f, int32_t value) {
+void put_i32_le(std::vector<uint8_t>* out, int32_t value) {
   const uint32_t u = static_cast<uint32_t>(value);
-  const unsigned char b[4] = {static_cast<unsigned char>(u), static_cast<unsigned char>(u >> 8),
-                              static_cast<unsigned char>(u >> 16),
-                              static_cast<unsigned char>(u >> 24)};
-  std::fwrite(b, 1, 4, f);
-}
-
-void write_bytes(FILE* f, const std::vector<uint8_t>& bytes) {
-  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
+  for (int k = 0; k < 4; ++k) out->push_back(static_cast<uint8_t>(u >> (8 * k)));
 }
 
 }  // namespace
@@ -29,20 +23,21 @@ bool read_payload_file(const std::string& path, int32_t fec, int32_t spb_width, 
 }
 
 bool write_payload_file(const std::string& path, const PayloadData& data, int32_t fec) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) {
+  std::vector<uint8_t> bytes;
+  bytes.reserve(20 + data.map.size() + data.indexes.size());
+  put_i32_le(&bytes, data.width);
+  put_i32_le(&bytes, data.height);
+  put_i32_le(&bytes, data.sp_size);
+  put_i32_le(&bytes, data.sp_size);
+  put_i32_le(&bytes, fec == 0 ? data.encoded_bit_count : data.bits);
+  bytes.insert(bytes.end(), data.map.begin(), data.map.end());
+  bytes.insert(bytes.end(), data.indexes.begin(), data.indexes.end());
+  // A failed write is not reported, like those of the video output; it
+  // leaves the file that was there before as it was.
+  if (save_file(path, bytes.data(), bytes.size()) == SaveResult::NotOpened) {
     std::cerr << "Error opening payload file: " << path << std::endl;
     return false;
   }
-  // Write results are not examined, like those of the video output.
-  write_i32_le(f, data.width);
-  write_i32_le(f, data.height);
-  write_i32_le(f, data.sp_size);
-  write_i32_le(f, data.sp_size);
-  write_i32_le(f, fec == 0 ? data.encoded_bit_count : data.bits);
-  write_bytes(f, data.map);
-  write_bytes(f, data.indexes);
-  std::fclose(f);
   return true;
 }
 

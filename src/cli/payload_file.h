@@ -18,8 +18,9 @@ namespace lumamark {
 bool read_payload_file(const std::string& path, int32_t fec, int32_t spb_width, PayloadData* out);
 
 // Writes a payload file; count is bits in FEC mode 2, encoded_bit_count in
-// mode 0. Returns false (after writing the message) when it cannot be opened;
-// write errors are not examined.
+// mode 0. Returns false (after writing the message) when it cannot be opened.
+// Write errors are not reported, but a regular file is replaced only by a
+// complete one (see save_file): a failed write leaves the old file intact.
 bool write_payload_file(const std::string& path, const PayloadData& data, int32_t fec);
 
 }  // namespace lumamark

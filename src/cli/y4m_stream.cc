@@ -3,11 +3,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
 
 #include "cli/progress.h"
+#include "cli/stop_signals.h"
 #include "filter/filter.h"
 
 namespace lumamark {
@@ -47,14 +49,41 @@ PeekResult peek_input(const std::string& path, PeekedInput* in, std::string* err
   return error->empty() ? PeekResult::kY4m : PeekResult::kRefused;
 }
 
+namespace {
+
+// Bytes the stream has read ahead and not handed out yet (glibc's buffer
+// pointers; the tool runs on glibc only).
+size_t buffered(FILE* f) { return static_cast<size_t>(f->_IO_read_end - f->_IO_read_ptr); }
+
+// Reads n bytes into to: first what the stream has buffered, then from its
+// descriptor, waiting before every read so that a stop signal is taken there.
+// False when the input ends, or a stop signal arrives, before n bytes.
+bool read_stoppable(FILE* in, uint8_t* to, size_t n, const StopSignals* stops) {
+  size_t have = std::fread(to, 1, std::min(n, buffered(in)), in);
+  const int fd = fileno(in);
+  while (have < n) {
+    if (!stops->wait_readable(fd)) return false;
+    const ssize_t got = read(fd, to + have, n - have);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    have += static_cast<size_t>(got);
+  }
+  return true;
+}
+
+}  // namespace
+
 bool run_y4m_frames(WatermarkFilter* filter, const Y4mHeader& header, uint8_t* buffer, FILE* in,
-                    FILE* out, int32_t seed) {
+                    FILE* out, int32_t seed, const StopSignals* stops) {
   const size_t frame = static_cast<size_t>(y4m_frame_bytes(header));
   // As with raw output, write results are not examined.
   std::fwrite(header.line.data(), 1, header.line.size(), out);
   Progress progress;
   std::string line;
   for (int64_t k = 0;; ++k) {
+    // A stop signal is taken while waiting for the next FRAME line or for
+    // the bytes of a frame: the frames before it are whole in the output.
+    if (buffered(in) == 0 && !stops->wait_readable(fileno(in))) break;
     const Y4mLine got = y4m_read_line(in, &line);
     // The input ending inside a FRAME line is a partial frame: dropped.
     if (got == Y4mLine::kEnd || (got == Y4mLine::kBad && std::feof(in))) break;
@@ -63,7 +92,7 @@ bool run_y4m_frames(WatermarkFilter* filter, const Y4mHeader& header, uint8_t* b
       std::cerr << "Error: malformed y4m FRAME line before frame " << k << std::endl;
       return false;
     }
-    if (std::fread(buffer, 1, frame, in) != frame) break;
+    if (!read_stoppable(in, buffer, frame, stops)) break;
     if (wm_filter_apply(filter, buffer, header.width, header.height, header.width, seed) != 0) {
       progress.finish();
       std::cerr << "Error applying watermark" << std::endl;
@@ -77,24 +106,44 @@ bool run_y4m_frames(WatermarkFilter* filter, const Y4mHeader& header, uint8_t* b
   return true;
 }
 
-Y4mLine FrameReader::next(uint8_t* frame) {
+namespace {
+
+// The detector's frame buffer grows in pieces of at most this size.
+constexpr size_t kFramePiece = size_t{16} << 20;
+
+// Reads bytes from..total of a frame into *frame, growing it only as far as
+// bytes arrive; true when the whole frame is there.
+bool read_growing(FILE* f, size_t from, size_t total, std::vector<uint8_t>* frame) {
+  for (size_t have = from; have < total;) {
+    const size_t piece = std::min(kFramePiece, total - have);
+    if (frame->size() < have + piece) frame->resize(have + piece);
+    const size_t got = std::fread(frame->data() + have, 1, piece, f);
+    have += got;
+    if (got != piece) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+Y4mLine FrameReader::next(std::vector<uint8_t>* frame) {
   FILE* f = in_->file;
   if (in_->y4m) {
     const Y4mLine got = y4m_read_line(f, &line_);
     if (got == Y4mLine::kEnd || (got == Y4mLine::kBad && std::feof(f))) return Y4mLine::kEnd;
     if (got == Y4mLine::kBad || !y4m_is_frame_line(line_)) return Y4mLine::kBad;
-    return std::fread(frame, 1, frame_bytes_, f) == frame_bytes_ ? Y4mLine::kOk : Y4mLine::kEnd;
+    return read_growing(f, 0, frame_bytes_, frame) ? Y4mLine::kOk : Y4mLine::kEnd;
   }
   // Raw: the bytes read ahead open the first frame.
   size_t fill = 0;
   if (in_->head_size > 0) {
     fill = in_->head_size < frame_bytes_ ? in_->head_size : frame_bytes_;
-    std::memcpy(frame, in_->head, fill);
+    if (frame->size() < fill) frame->resize(fill);
+    std::memcpy(frame->data(), in_->head, fill);
     std::memmove(in_->head, in_->head + fill, in_->head_size - fill);
     in_->head_size -= fill;
   }
-  fill += std::fread(frame + fill, 1, frame_bytes_ - fill, f);
-  return fill == frame_bytes_ ? Y4mLine::kOk : Y4mLine::kEnd;
+  return read_growing(f, fill, frame_bytes_, frame) ? Y4mLine::kOk : Y4mLine::kEnd;
 }
 
 }  // namespace lumamark

@@ -7,12 +7,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "cli/y4m.h"
 
 namespace lumamark {
 
 struct WatermarkFilter;
+class StopSignals;
 
 // An input whose first bytes have been read to tell its kind.
 struct PeekedInput {
@@ -44,10 +46,12 @@ PeekResult peek_input(const std::string& path, PeekedInput* in, std::string* err
 // The embedder's frame loop for y4m: writes the header, then for every whole
 // frame its FRAME line, unchanged, and the frame with its luma marked.
 // buffer holds one frame. A partial last frame is dropped, as with raw
-// input. Returns true at the end of the input, false after reporting a
-// malformed FRAME line or a failed frame on standard error.
+// input. A stop signal (stops) is taken only while waiting for input and
+// ends the loop as the end of the input does. Returns true at the end of the
+// input, false after reporting a malformed FRAME line or a failed frame on
+// standard error.
 bool run_y4m_frames(WatermarkFilter* filter, const Y4mHeader& header, uint8_t* buffer, FILE* in,
-                    FILE* out, int32_t seed);
+                    FILE* out, int32_t seed, const StopSignals* stops);
 
 // Whole frames of a peeked input, raw or y4m, for readers that only look at
 // them (the detector).
@@ -57,8 +61,9 @@ class FrameReader {
 
   // Reads the next frame into frame (frame_bytes bytes): kOk, kEnd at the
   // end of the input (a partial frame is dropped), kBad for a malformed y4m
-  // FRAME line.
-  Y4mLine next(uint8_t* frame);
+  // FRAME line. The vector grows in pieces of 16 MiB as bytes arrive, so a
+  // frame size far larger than the input costs only the input's size.
+  Y4mLine next(std::vector<uint8_t>* frame);
 
  private:
   PeekedInput* in_;

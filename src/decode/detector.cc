@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kernels/intmath.h"
 #include "payload/fec.h"
 #include "payload/layout.h"
 #include "payload/wm_id.h"
@@ -58,7 +59,10 @@ int32_t detector_init(Detector* d, const DetectConfig& c, std::string* error) {
   };
   if (c.threads < 0) return bad("--threads must be >= 0 (0 = auto-detect)");
   if (c.sp_width < 5 || c.sp_width > 64) return bad("--sp-width must be in [5, 64]");
-  if (c.sp_width <= 2 * c.spb_width) {
+  // Twice the border wraps in 32 bits exactly as in the embedder's check, so
+  // both accept the same borders (a border near the 32-bit limit passes and
+  // leaves no inner area).
+  if (c.sp_width <= wrap_mul(2, c.spb_width)) {
     return bad("SP size and border mismatch, reduce borders");
   }
   if (c.fec != 0 && c.fec != 2) {
@@ -76,8 +80,10 @@ int32_t detector_init(Detector* d, const DetectConfig& c, std::string* error) {
   if (c.width < 1 || c.height < 1 || cols < 1 || rows < 1) {
     return bad("the frame holds no superpixel");
   }
-  if (static_cast<int64_t>(cols) * rows > (int64_t{1} << 30)) {
-    return bad("the frame is too large");
+  const int64_t cells = static_cast<int64_t>(cols) * rows;
+  if (cells > kMaxDetectorCells) {
+    return bad("the frame has " + std::to_string(cells) + " superpixels; at most " +
+               std::to_string(kMaxDetectorCells) + " are supported");
   }
 
   d->config = c;

@@ -29,6 +29,12 @@ struct DetectConfig {
   std::string user_urn = kNeutralUrn;  // user organisation URN
 };
 
+// Largest superpixel grid the detector takes (16384 x 16384 with side 8,
+// 10240 x 10240 with side 5). Its tables take about 40 bytes per superpixel,
+// and 32 more when the density is below 100 and the seed is unknown: at most
+// about 300 MB at this limit.
+constexpr int64_t kMaxDetectorCells = int64_t{1} << 22;
+
 // Verdict thresholds on z.
 constexpr double kDetectedZ = 7.0;
 constexpr double kWeakZ = 6.0;

@@ -31,9 +31,8 @@ int32_t safe_div(int32_t a, int32_t b) {
   return a / b;
 }
 
-// Bytes of one byte per superpixel: the 32-bit count widened (a count that
-// wrapped to a negative value asks for more than can be allocated).
-size_t grid_bytes(const MarkLayout& g) { return static_cast<size_t>(static_cast<int64_t>(g.cells)); }
+// Bytes of one byte per superpixel, for a grid whose count is not negative.
+size_t grid_bytes(const MarkLayout& g) { return static_cast<size_t>(g.cells); }
 
 size_t index_table_bytes(int32_t encoded_bit_count) {
   return static_cast<size_t>(mark_index_table_bytes(encoded_bit_count));
@@ -109,7 +108,9 @@ int32_t wm_filter_init(WatermarkFilter* f, int32_t strength, int32_t sp_size, in
   std::free(f->coded_bits);
   f->coded_bits = fec_encode(f->wm_id, bit_count, f->encoded_bit_count, fec_mode);
 
-  if (grid.cols < 1 || grid.rows < 1) return -1;
+  // A grid whose 32-bit count wrapped negative is refused before any
+  // allocation is asked for it.
+  if (grid.cols < 1 || grid.rows < 1 || grid.cells < 0) return -1;
   if (!grow_buffer(&f->map, &f->map_cap, grid_bytes(grid))) return -1;
   if (!grow_buffer(&f->pattern_values, &f->pattern_values_cap, grid_bytes(grid))) return -1;
 
@@ -136,7 +137,7 @@ void wm_filter_set_payload(WatermarkFilter* f, const uint8_t* map, const uint8_t
   f->height = height;
 
   const MarkLayout grid = mark_grid(width, height, sp_size);
-  if (grid.cols < 1 || grid.rows < 1) return;
+  if (grid.cols < 1 || grid.rows < 1 || grid.cells < 0) return;
   if (!grow_buffer(&f->map, &f->map_cap, grid_bytes(grid))) return;
   if (!grow_buffer(&f->pattern_values, &f->pattern_values_cap, grid_bytes(grid))) return;
   if (f->fec_mode != 2) {

@@ -232,5 +232,43 @@ TEST(Hostile, LongRunsKeepMemoryFlat) {
   }
 }
 
+#ifdef LUMAMARK_DETECT_BIN
+// The detector's tables grow with the superpixel count, its frame buffer with
+// the frame: a grid past the documented limit is refused before anything is
+// read, and a frame far larger than the input costs only the input's size.
+TEST(Hostile, DetectorSizesStayBounded) {
+  const std::string twenty_mb(20 << 20, 'U');
+  struct Case {
+    Args args;
+    int status;
+    std::string err;
+    long max_kib;  // peak resident size
+  };
+  const Case cases[] = {
+      {{"--width", "65536", "--height", "65536"}, 1,
+       "Error: the frame has 87647044 superpixels; at most 4194304 are supported\n", 64 << 10},
+      // 65536 superpixels, a 402 MB frame, 20 MB of input.
+      {{"--width", "16384", "--height", "16384", "--sp-width", "64"}, 1,
+       "Error: The input holds no complete frame of 16384x16384 yuv420p\n", 96 << 10},
+  };
+  for (const Case& c : cases) {
+    long peak = -1;
+    const RunResult r = run_program(LUMAMARK_DETECT_BIN, c.args, InputPlan{twenty_mb}, &peak);
+    const std::string what = testing::PrintToString(c.args);
+    EXPECT_TRUE(r.exited(c.status)) << what << ": " << r.status << " " << r.signal;
+    EXPECT_EQ(r.err, c.err) << what;
+    if (!kSanitizer) {
+      EXPECT_LT(peak, c.max_kib) << what;
+    }
+  }
+  // Twice a border near the 32-bit limit wraps as in the embedder: such a
+  // border leaves no inner area, so no superpixel carries anything.
+  const RunResult r = run_program(LUMAMARK_DETECT_BIN, {"--width", "640", "--height", "360", "--spb-width", "1073741824"},
+                                  InputPlan{random_bytes(640 * 360 * 3 / 2, 9)});
+  EXPECT_TRUE(r.exited(2)) << r.status << " " << r.signal << " " << r.err;
+  EXPECT_EQ(r.out.rfind("No watermark detected (z 0.00 from 1 frame)", 0), 0u) << r.out;
+}
+#endif
+
 }  // namespace
 }  // namespace lumamark::test

@@ -50,8 +50,16 @@ TEST(FilterInit, RefusalsCodedLengthsAndEmptyGrids) {
     }
     wm_filter_free(f);
   }
-  // A payload whose geometry leaves no superpixel: the frame is refused untouched.
+  // A grid whose 32-bit count wraps negative (1024 x 33554431) is refused
+  // without asking the allocator for it, also when a payload names it.
   WatermarkFilter* f = wm_filter_create();
+  EXPECT_EQ(-1, wm_filter_init(f, 3, 64, 0, 100, 100, 1, 1, 65536, 2147483647, "1", 13, 0, 2, 0));
+  EXPECT_EQ(nullptr, f->map);
+  wm_filter_set_payload(f, nullptr, nullptr, 13, 64, 65536, 2147483647);
+  EXPECT_EQ(nullptr, f->map);
+  wm_filter_free(f);
+  // A payload whose geometry leaves no superpixel: the frame is refused untouched.
+  f = wm_filter_create();
   ASSERT_EQ(0, wm_filter_init(f, 3, 8, 0, 100, 100, 1, 1, 96, 64, "1", 13, 0, 2, 0));
   const uint8_t map[1] = {3};
   wm_filter_set_payload(f, map, nullptr, 1, 8, 7, 64);
