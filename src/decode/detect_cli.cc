@@ -11,6 +11,8 @@
 #include <sstream>
 #include <vector>
 
+#include "decode/resync.h"
+
 #include "payload/wm_id.h"
 
 namespace lumamark {
@@ -56,8 +58,12 @@ void print_detect_usage(const char* program, std::ostream& out) {
       << "  --help                Show this help message\n"
       << "  --version             Show version information\n"
       << "  --input-file <path>   Input yuv file (default: standard input)\n"
-      << "  --width <int>         Input file width (default 1920)\n"
-      << "  --height <int>        Input file height (default 1080)\n"
+      << "  --width <int>         Width the video was marked at (default 1920)\n"
+      << "  --height <int>        Height the video was marked at (default 1080)\n"
+      << "  --input-width <int>   Width of the copy being read (default: --width)\n"
+      << "  --input-height <int>  Height of the copy being read (default: --height)\n"
+      << "  --search <str>        Geometric search when the aligned read finds no mark:\n"
+      << "                        none, fast (default) or full\n"
       << "  --pix-fmt <str>       Pixel format: yuv420p (default), yuv422p or yuv444p\n"
       << "  --frames <int>        Number of frames to use (default: all)\n"
       << "  --sp-width <int>      Superpixel size used when embedding (default 7)\n"
@@ -88,7 +94,8 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
       {"--width", &c.width},         {"--height", &c.height},       {"--sp-width", &c.sp_width},
       {"--spb-width", &c.spb_width}, {"--fec", &c.fec},             {"--bit-profile", &c.bit_profile},
       {"--strength", &c.strength},   {"--seed", &c.seed},           {"--sp-density", &c.sp_density},
-      {"--threads", &c.threads},
+      {"--threads", &c.threads},     {"--input-width", &o->input_width},
+      {"--input-height", &o->input_height},
   };
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -109,7 +116,7 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
       if (arg == opt.name) int_option = &opt;
     }
     const bool takes_text = arg == "--input-file" || arg == "--pix-fmt" || arg == "--user-urn" ||
-                            arg == "--wm-id" || arg == "--frames";
+                            arg == "--wm-id" || arg == "--frames" || arg == "--search";
     if (int_option == nullptr && !takes_text) {
       err << "Error: Unknown option: " << arg << "\n";
       return DetectParse::kError;
@@ -131,6 +138,17 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
         return DetectParse::kError;
       }
       o->max_frames = n;
+    } else if (arg == "--search") {
+      if (value == "none") {
+        o->search = SearchMode::kNone;
+      } else if (value == "fast") {
+        o->search = SearchMode::kFast;
+      } else if (value == "full") {
+        o->search = SearchMode::kFull;
+      } else {
+        err << "Error: --search expects none, fast or full, got '" << value << "'\n";
+        return DetectParse::kError;
+      }
     } else if (arg == "--input-file") {
       o->input_file = value;
     } else if (arg == "--pix-fmt") {
@@ -153,12 +171,30 @@ int64_t detect_frame_bytes(const std::string& pix_fmt, int32_t width, int32_t he
 }
 
 std::string format_detect_report(const DetectResult& r, const ExpectedCheck* expected,
-                                 const std::string& expected_id, bool json) {
+                                 const std::string& expected_id, bool json,
+                                 const GeometryReport& geometry) {
   std::ostringstream out;
   const std::string z = format_z(r.z);
+  const GeoTransform& t = geometry.transform;
+  char transform[256];
+  std::snprintf(transform, sizeof transform,
+                "{\"scale_x\": %.4f, \"scale_y\": %.4f, \"offset_x\": %.2f, \"offset_y\": %.2f, "
+                "\"flip\": %s}",
+                t.scale_x, t.scale_y, t.offset_x, t.offset_y, t.flip ? "true" : "false");
+  const bool ambiguous = r.verdict == Verdict::kAmbiguous;
   if (json) {
-    out << "{\"wm_id\": \"" << r.wm_id << "\", \"z\": " << z << ", \"frames\": " << r.frames
-        << ", \"verdict\": \"" << verdict_name(r.verdict) << "\"";
+    out << "{\"wm_id\": \"" << (ambiguous ? "" : r.wm_id) << "\", \"z\": " << z
+        << ", \"frames\": " << r.frames << ", \"verdict\": \"" << verdict_name(r.verdict)
+        << "\", \"transform\": " << transform;
+    if (geometry.searched) out << ", \"hypotheses\": " << geometry.hypotheses;
+    if (ambiguous) {
+      out << ", \"candidates\": [";
+      for (size_t i = 0; i < geometry.candidates.size(); ++i) {
+        out << (i == 0 ? "" : ", ") << "{\"wm_id\": \"" << geometry.candidates[i].wm_id
+            << "\", \"z\": " << format_z(geometry.candidates[i].z) << "}";
+      }
+      out << "]";
+    }
     if (expected != nullptr) {
       char ber[32];
       std::snprintf(ber, sizeof ber, "%.4f", expected->ber);
@@ -181,6 +217,23 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
       out << "No watermark detected (z " << z << " from " << frames << "); the best guess, ID "
           << r.wm_id << ", is not reliable.\n";
       break;
+    case Verdict::kAmbiguous:
+      out << "Ambiguous watermark: several IDs fit about equally well, none is named (z " << z
+          << " from " << frames << "). Candidates:";
+      for (size_t i = 0; i < geometry.candidates.size(); ++i) {
+        out << (i == 0 ? " " : ", ") << geometry.candidates[i].wm_id << " (z "
+            << format_z(geometry.candidates[i].z) << ")";
+      }
+      out << ".\n";
+      break;
+  }
+  if (geometry.searched) {
+    char line[256];
+    std::snprintf(line, sizeof line,
+                  "Geometry: scale %.4f x %.4f, offset %.2f, %.2f%s (%lld hypotheses tried).\n",
+                  t.scale_x, t.scale_y, t.offset_x, t.offset_y, t.flip ? ", mirrored" : "",
+                  static_cast<long long>(geometry.hypotheses));
+    out << line;
   }
   if (r.blocks.size() > 1) {
     out << "Reed-Muller blocks:";
@@ -203,7 +256,10 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
   return out.str();
 }
 
-int detect_exit_status(Verdict v) { return v == Verdict::kDetected ? 0 : 2; }
+int detect_exit_status(Verdict v, const ExpectedCheck* expected) {
+  if (v != Verdict::kDetected) return 2;
+  return expected != nullptr && !expected->match ? 3 : 0;
+}
 
 namespace {
 
@@ -225,7 +281,13 @@ int run_detect_checked(int argc, char** argv) {
     std::cerr << "Error: " << error << "\n";
     return 1;
   }
-  const int64_t frame_bytes = detect_frame_bytes(o.pix_fmt, c.width, c.height);
+  const int32_t in_w = o.input_width > 0 ? o.input_width : c.width;
+  const int32_t in_h = o.input_height > 0 ? o.input_height : c.height;
+  if (o.input_width < 0 || o.input_height < 0) {
+    std::cerr << "Error: --input-width and --input-height must be positive\n";
+    return 1;
+  }
+  const int64_t frame_bytes = detect_frame_bytes(o.pix_fmt, in_w, in_h);
   if (frame_bytes < 0) {
     std::cerr << "Error: Unsupported pixel format: " << o.pix_fmt
               << " (use yuv420p, yuv422p or yuv444p)\n";
@@ -251,11 +313,20 @@ int run_detect_checked(int argc, char** argv) {
       return 1;
     }
   }
+  // A copy of the marked size is read as it is, frame by frame; the first
+  // frames are also kept for the geometric search.
+  const bool same_size = in_w == c.width && in_h == c.height;
+  CopyFrames copy;
+  copy.width = in_w;
+  copy.height = in_h;
   std::vector<uint8_t> frame(static_cast<size_t>(frame_bytes));
   int64_t frames = 0;
   while (o.max_frames < 0 || frames < o.max_frames) {
     if (std::fread(frame.data(), 1, frame.size(), in) != frame.size()) break;
-    detector_add_frame(&d, frame.data(), c.width);
+    if (same_size) detector_add_frame(&d, frame.data(), c.width);
+    if (copy.luma.size() < static_cast<size_t>(kSearchFrames)) {
+      copy.luma.emplace_back(frame.begin(), frame.begin() + static_cast<ptrdiff_t>(in_w) * in_h);
+    }
     ++frames;
   }
   const bool read_error = std::ferror(in) != 0;
@@ -265,21 +336,58 @@ int run_detect_checked(int argc, char** argv) {
     return 1;
   }
   if (frames == 0) {
-    std::cerr << "Error: The input holds no complete frame of " << c.width << "x" << c.height
-              << " " << o.pix_fmt << "\n";
+    std::cerr << "Error: The input holds no complete frame of " << in_w << "x" << in_h << " "
+              << o.pix_fmt << "\n";
     return 1;
   }
 
-  const DetectResult result = detector_result(&d);
+  DetectResult result;
+  GeometryReport geometry;
   ExpectedCheck check;
+  bool aligned = same_size;
+  if (same_size) {
+    result = detector_result(&d);
+    // A read at the wrong phase of the grid can decode a wrong ID (the
+    // complement in the constant bits): a detected ID is trusted only when
+    // the grid's other phases do not read another ID more clearly.
+    const bool confirmed = result.verdict != Verdict::kDetected ||
+                           o.search == SearchMode::kNone ||
+                           aligned_read_confirmed(c, copy, result.bits);
+    aligned = result.verdict == Verdict::kDetected && confirmed;
+    if (result.verdict != Verdict::kDetected && o.search == SearchMode::kNone) aligned = true;
+  }
+  if (!aligned) {
+    ResyncResult rs;
+    std::string error;
+    if (resync_search(c, copy, o.search, expected_bits, &rs, &error) != 0) {
+      std::cerr << "Error: " << error << "\n";
+      return 1;
+    }
+    // The search's answer stands when it names an ID or finds several; a
+    // weaker one does not replace the aligned read's.
+    const bool better = rs.result.verdict == Verdict::kDetected ||
+                        rs.result.verdict == Verdict::kAmbiguous || !same_size ||
+                        result.verdict == Verdict::kDetected;
+    if (better) {
+      result = rs.result;
+      geometry.searched = o.search != SearchMode::kNone;
+      geometry.transform = rs.transform;
+      geometry.hypotheses = rs.hypotheses;
+      geometry.candidates = rs.candidates;
+      result.frames = static_cast<int32_t>(copy.luma.size());
+      check.ber = rs.ber;
+    } else {
+      aligned = true;
+    }
+  }
   if (!expected_bits.empty()) {
-    check.match = result.bits == expected_bits;
-    check.ber = detector_bit_error_rate(d, detector_expected_symbols(d, expected_bits));
+    check.match = result.bits == expected_bits && result.verdict != Verdict::kAmbiguous;
+    if (aligned) check.ber = detector_bit_error_rate(d, detector_expected_symbols(d, expected_bits));
   }
   std::cout << format_detect_report(result, expected_bits.empty() ? nullptr : &check,
-                                    bits_to_hex(expected_bits), o.json);
+                                    bits_to_hex(expected_bits), o.json, geometry);
   std::cout.flush();
-  return detect_exit_status(result.verdict);
+  return detect_exit_status(result.verdict, expected_bits.empty() ? nullptr : &check);
 }
 
 }  // namespace

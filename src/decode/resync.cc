@@ -1,0 +1,559 @@
+// Geometric resynchronisation.
+//
+// A hypothesis is a scale per axis, a phase per axis (where the superpixel
+// grid starts within one superpixel, in marked pixels), a whole-superpixel
+// offset per axis and a mirror flag. The copy is resampled once per scale and
+// phase onto a canvas at the marked resolution whose superpixel grid follows
+// the hypothesis, and measured there like a marked frame; the offsets and the
+// mirror then only re-index the canvas's superpixels onto the marked ones
+// (the measure of a superpixel is the same when its pixels are mirrored), so
+// they cost one decode each and no pixel work.
+//
+// The search runs in three passes:
+//  1. coarse: every candidate scale at a few phases, on the first frames,
+//     over a window of offsets around where the copy's centre or corner would
+//     put the picture;
+//  2. refine: the best hypotheses are moved by single pixels of phase and
+//     small steps of scale while their decode improves;
+//  3. final: the best refined hypotheses are read by the detector itself
+//     over every kept frame, and the strongest is the answer.
+// Every decode on the way is counted; the verdict threshold grows with that
+// count so that the chance of a false verdict stays bounded (see
+// threshold_for_hypotheses).
+#include "decode/resync.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+
+#include "decode/resample.h"
+#include "decode/rm_decode.h"
+#include "decode/soft_values.h"
+
+namespace lumamark {
+
+namespace {
+
+constexpr uint32_t kSignBit = 0x80000000u;
+constexpr uint32_t kPointMask = 0x7fffffffu;
+
+// Standard normal upper tail, and its inverse by bisection.
+double normal_tail(double t) { return 0.5 * std::erfc(t / std::sqrt(2.0)); }
+
+double inverse_normal_tail(double p) {
+  double lo = 0, hi = 40;
+  for (int i = 0; i < 200; ++i) {
+    const double mid = 0.5 * (lo + hi);
+    if (normal_tail(mid) > p) {
+      lo = mid;
+    } else {
+      hi = mid;
+    }
+  }
+  return hi;
+}
+
+// One scale and phase of the copy: canvas cell (c', r') covers marked-grid
+// cell (c' + kx, r' + ky) for offsets (kx, ky) (or (kx - c', r' + ky)
+// mirrored), and canvas pixel X' reads copy x = (X' + phase_x) / scale_x.
+struct Geometry {
+  double sx = 1, sy = 1;
+  double phx = 0, phy = 0;
+};
+
+// Soft values of a block of canvas cells (unit signs: the sign pattern is
+// applied when the cells are mapped onto the marked grid).
+struct CanvasBlock {
+  Geometry g;
+  int32_t c0 = 0, r0 = 0;       // first canvas cell of the block
+  int32_t cols = 0, rows = 0;   // cells in the block
+  std::vector<float> sum;       // soft values summed over the frames measured
+  std::vector<std::vector<float>> frames;  // per frame, when kept
+};
+
+// A decoded hypothesis.
+struct Hypothesis {
+  Geometry g;
+  int32_t kx = 0, ky = 0;
+  bool flip = false;
+  double z = 0;
+  std::string bits;
+};
+
+int32_t canvas_cells(double scale, double phase, int32_t copy_size, int32_t sp) {
+  const double span = scale * (copy_size - 1) - phase + 1;
+  return span < sp ? 0 : static_cast<int32_t>(std::floor(span / sp));
+}
+
+class Search {
+ public:
+  Search(const DetectConfig& c, const CopyFrames& copy, Detector* d)
+      : c_(c), copy_(copy), d_(d), sp_(c.sp_width), cols_(d->grid.cols), rows_(d->grid.rows) {
+    if (c.fec == 2) build_fold();
+  }
+
+  int64_t decodes() const { return decodes_; }
+
+  // Measures a block of the canvas of geometry g over frames [first, first + n).
+  CanvasBlock measure(const Geometry& g, int32_t c0, int32_t r0, int32_t cols, int32_t rows,
+                      int32_t first, int32_t n, bool keep_frames) {
+    CanvasBlock b;
+    b.g = g;
+    b.c0 = c0;
+    b.r0 = r0;
+    b.cols = std::max(cols, 0);
+    b.rows = std::max(rows, 0);
+    const size_t cells = static_cast<size_t>(b.cols) * b.rows;
+    b.sum.assign(cells, 0.0f);
+    if (cells == 0) return b;
+    const int32_t w = b.cols * sp_;
+    const int32_t h = b.rows * sp_;
+    const ResampleTaps tx = resample_taps({(sp_ * c0 + g.phx) / g.sx, 1.0 / g.sx}, w, copy_.width);
+    const ResampleTaps ty = resample_taps({(sp_ * r0 + g.phy) / g.sy, 1.0 / g.sy}, h, copy_.height);
+    pixels_.resize(static_cast<size_t>(w) * h);
+    measures_.resize(cells);
+    soft_.resize(cells);
+    unit_signs_.assign(cells, 1);
+    const SoftGrid grid{b.cols, b.rows, sp_, c_.spb_width};
+    const int32_t end = std::min<int32_t>(first + n, static_cast<int32_t>(copy_.luma.size()));
+    for (int32_t f = first; f < end; ++f) {
+      resample_plane(copy_.luma[static_cast<size_t>(f)].data(), copy_.width, tx, ty,
+                     pixels_.data(), w);
+      measure_frame(pixels_.data(), w, grid, measures_.data(), c_.threads);
+      soft_values(measures_.data(), grid, unit_signs_.data(), soft_.data(), &scratch_);
+      for (size_t i = 0; i < cells; ++i) b.sum[i] += soft_[i];
+      if (keep_frames) b.frames.push_back(soft_);
+    }
+    return b;
+  }
+
+  // Maps canvas values onto the marked grid with the sign pattern applied:
+  // calls put(marked cell index, value) for every canvas cell that lands on
+  // the grid.
+  template <typename Put>
+  void map_cells(const CanvasBlock& b, const float* values, int32_t kx, int32_t ky, bool flip,
+                 Put put) const {
+    for (int32_t r = 0; r < b.rows; ++r) {
+      const int32_t mr = b.r0 + r + ky;
+      if (mr < 0 || mr >= rows_) continue;
+      const float* row = values + static_cast<size_t>(r) * b.cols;
+      const size_t base = static_cast<size_t>(mr) * cols_;
+      for (int32_t c = 0; c < b.cols; ++c) {
+        const int32_t mc = flip ? kx - (b.c0 + c) : b.c0 + c + kx;
+        if (mc < 0 || mc >= cols_ || row[c] == 0.0f) continue;
+        const size_t i = base + static_cast<size_t>(mc);
+        put(i, d_->signs[i] < 0 ? -row[c] : row[c]);
+      }
+    }
+  }
+
+  // Decodes the summed values of a block at one offset; z, and the bits.
+  double score(const CanvasBlock& b, int32_t kx, int32_t ky, bool flip, std::string* bits) {
+    ++decodes_;
+    bits->assign(static_cast<size_t>(c_.bit_profile), '0');
+    if (c_.fec != 2) {
+      dense_.assign(static_cast<size_t>(d_->cells), 0.0f);
+      map_cells(b, b.sum.data(), kx, ky, flip, [this](size_t i, float v) { dense_[i] = v; });
+      detector_reset(d_);
+      detector_add_soft(d_, dense_.data());
+      const DetectResult r = detector_result(d_);
+      *bits = r.bits;
+      return r.z;
+    }
+    std::fill(points_.begin(), points_.end(), 0.0f);
+    std::fill(energy_.begin(), energy_.end(), 0.0);
+    map_cells(b, b.sum.data(), kx, ky, flip, [this](size_t i, float v) {
+      const uint32_t f = fold_[i];
+      points_[f & kPointMask] += (f & kSignBit) != 0 ? -v : v;
+      energy_[block_[i]] += static_cast<double>(v) * v;
+    });
+    double weakest = 0;
+    const std::vector<RmPlanBlock>& blocks = d_->plan.blocks;
+    for (size_t k = 0; k < blocks.size(); ++k) {
+      const RmBlockDecision dec =
+          rm_decide_block(blocks[k], points_.data() + point_base_[k], energy_[k], bits->data());
+      if (k == 0 || dec.z < weakest) weakest = dec.z;
+    }
+    return weakest;
+  }
+
+  // The detector's reading of a hypothesis over the frames kept in b.
+  DetectResult read(const CanvasBlock& b, int32_t kx, int32_t ky, bool flip) {
+    ++decodes_;
+    detector_reset(d_);
+    for (const std::vector<float>& f : b.frames) {
+      dense_.assign(static_cast<size_t>(d_->cells), 0.0f);
+      map_cells(b, f.data(), kx, ky, flip, [this](size_t i, float v) { dense_[i] = v; });
+      detector_add_soft(d_, dense_.data());
+    }
+    return detector_result(d_);
+  }
+
+  // The transform of a hypothesis, copy to marked pixels.
+  GeoTransform transform(const Geometry& g, int32_t kx, int32_t ky, bool flip) const {
+    GeoTransform t;
+    t.scale_x = g.sx;
+    t.scale_y = g.sy;
+    t.offset_y = sp_ * static_cast<double>(ky) - g.phy;
+    t.flip = flip;
+    if (flip) {
+      t.offset_x = sp_ * static_cast<double>(kx) + (sp_ - 1) + g.phx - g.sx * (copy_.width - 1);
+    } else {
+      t.offset_x = sp_ * static_cast<double>(kx) - g.phx;
+    }
+    return t;
+  }
+
+  // Whole-superpixel offsets that put marked pixel m at copy position p
+  // (no mirror / mirrored), along x.
+  int32_t offset_x_for(const Geometry& g, double p, double m, bool flip) const {
+    if (flip) {
+      return static_cast<int32_t>(
+          std::lround((m - (sp_ - 1) - g.phx + g.sx * (copy_.width - 1) - g.sx * p) / sp_));
+    }
+    return static_cast<int32_t>(std::lround((m - g.sx * p + g.phx) / sp_));
+  }
+  int32_t offset_y_for(const Geometry& g, double p, double m) const {
+    return static_cast<int32_t>(std::lround((m - g.sy * p + g.phy) / sp_));
+  }
+
+  int32_t sp() const { return sp_; }
+  int32_t cols() const { return cols_; }
+  int32_t rows() const { return rows_; }
+
+ private:
+  // The Reed-Muller plan flattened per superpixel: the point it folds onto
+  // (over all blocks' points laid end to end), with the sign pattern's sign
+  // and the pad's sign combined in the top bit, and its block.
+  void build_fold() {
+    const std::vector<RmPlanBlock>& blocks = d_->plan.blocks;
+    const size_t n = static_cast<size_t>(d_->cells);
+    fold_.assign(n, 0);
+    block_.assign(n, 0);
+    point_base_.assign(blocks.size(), 0);
+    size_t points = 0;
+    for (size_t k = 0; k < blocks.size(); ++k) {
+      point_base_[k] = points;
+      points += size_t{1} << (blocks[k].bits - 1);
+    }
+    points_.assign(points, 0.0f);
+    energy_.assign(blocks.size(), 0.0);
+    const size_t stride = static_cast<size_t>(d_->plan.stride);
+    for (size_t i = 0; i < n && i < static_cast<size_t>(d_->plan.length); ++i) {
+      const size_t k = i % stride;
+      const uint32_t f = blocks[k].fold[i / stride];
+      fold_[i] = (f & kSignBit) | static_cast<uint32_t>(point_base_[k] + (f & kPointMask));
+      block_[i] = static_cast<uint16_t>(k);
+    }
+  }
+
+  const DetectConfig& c_;
+  const CopyFrames& copy_;
+  Detector* d_;
+  int32_t sp_, cols_, rows_;
+  int64_t decodes_ = 0;
+  std::vector<uint32_t> fold_;
+  std::vector<uint16_t> block_;
+  std::vector<size_t> point_base_;
+  std::vector<float> points_;
+  std::vector<double> energy_;
+  std::vector<float> dense_;
+  std::vector<uint8_t> pixels_;
+  std::vector<int32_t> measures_;
+  std::vector<float> soft_;
+  std::vector<int8_t> unit_signs_;
+  SoftScratch scratch_;
+};
+
+// The scales (marked pixels per copy pixel) worth trying for a copy of
+// cw x ch of a mark made at mw x mh: the copy as the whole picture stretched
+// to fit, the copy unscaled (shifted or cropped), the picture kept at its
+// aspect ratio inside the copy with bars, the picture squeezed to common
+// display aspect ratios inside bars, and with zoom, the picture cropped and
+// scaled back up to the copy's size.
+std::vector<std::pair<double, double>> candidate_scales(int32_t mw, int32_t mh, int32_t cw,
+                                                         int32_t ch, bool zoom) {
+  std::vector<std::pair<double, double>> out;
+  auto add = [&out](double sx, double sy) {
+    if (!(sx > 0.2 && sx < 8 && sy > 0.2 && sy < 8)) return;
+    for (const auto& s : out) {
+      if (std::fabs(s.first / sx - 1) < 5e-4 && std::fabs(s.second / sy - 1) < 5e-4) return;
+    }
+    out.emplace_back(sx, sy);
+  };
+  const double fx = static_cast<double>(mw) / cw;
+  const double fy = static_cast<double>(mh) / ch;
+  add(fx, fy);
+  add(1, 1);
+  add(std::max(fx, fy), std::max(fx, fy));
+  for (double aspect : {4.0 / 3.0, 16.0 / 9.0, 1.85, 2.39}) {
+    // Pillarbox: the picture is the copy's height and aspect * height wide.
+    if (aspect * ch <= cw + 1) add(mw / (aspect * ch), fy);
+    // Letterbox: the picture is the copy's width and width / aspect high.
+    if (cw / aspect <= ch + 1) add(fx, mh * aspect / cw);
+  }
+  if (zoom) {
+    for (double k = 0.995; k > 0.855; k -= 0.005) add(fx * k, fy * k);
+  }
+  return out;
+}
+
+struct Budget {
+  int32_t coarse_frames;
+  int32_t refine_frames;
+  int32_t phases;        // phases per axis in the coarse pass
+  int32_t window;        // offsets tried around the centre anchor, per axis, each way
+  int32_t corner_window; // ... and around the corner anchors
+  bool zoom;             // crop-and-zoom scales
+  int32_t keep;          // hypotheses refined
+};
+
+Budget budget_for(SearchMode mode) {
+  if (mode == SearchMode::kFull) return Budget{2, 2, 3, 8, 3, true, 4};
+  return Budget{1, 1, 3, 3, 2, false, 3};
+}
+
+// Keeps the keep strongest hypotheses, one per decoded ID.
+void insert_best(std::vector<Hypothesis>* best, const Hypothesis& h, size_t keep) {
+  for (Hypothesis& o : *best) {
+    if (o.bits != h.bits) continue;
+    if (h.z > o.z) o = h;
+    std::sort(best->begin(), best->end(),
+              [](const Hypothesis& a, const Hypothesis& b) { return a.z > b.z; });
+    return;
+  }
+  best->push_back(h);
+  std::sort(best->begin(), best->end(),
+            [](const Hypothesis& a, const Hypothesis& b) { return a.z > b.z; });
+  if (best->size() > keep) best->resize(keep);
+}
+
+}  // namespace
+
+double threshold_for_hypotheses(double base_z, double hypotheses) {
+  if (hypotheses <= 1) return base_z;
+  return inverse_normal_tail(normal_tail(base_z) / (100.0 * hypotheses));
+}
+
+int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, SearchMode mode,
+                      const std::string& expected_bits, ResyncResult* out, std::string* error) {
+  Detector d;
+  if (detector_init(&d, config, error) != 0) return -1;
+  *out = ResyncResult{};
+  if (copy.luma.empty() || copy.width < 1 || copy.height < 1) {
+    if (error != nullptr) *error = "no frame to search";
+    return -1;
+  }
+  Search s(config, copy, &d);
+  const int32_t sp = s.sp();
+  const int32_t kept = static_cast<int32_t>(copy.luma.size());
+
+  if (mode == SearchMode::kNone) {
+    const Geometry g;
+    const CanvasBlock b =
+        s.measure(g, 0, 0, canvas_cells(1, 0, copy.width, sp), canvas_cells(1, 0, copy.height, sp),
+                  0, kept, true);
+    out->result = s.read(b, 0, 0, false);
+    if (!expected_bits.empty()) {
+      out->ber = detector_bit_error_rate(d, detector_expected_symbols(d, expected_bits));
+    }
+    out->hypotheses = 1;
+    out->result.verdict = verdict_for(out->result.z);
+    out->candidates.push_back(SearchCandidate{out->transform, out->result.wm_id, out->result.z});
+    return 0;
+  }
+
+  const Budget bud = budget_for(mode);
+  const double mcx = 0.5 * (config.width - 1), mcy = 0.5 * (config.height - 1);
+  const double ccx = 0.5 * (copy.width - 1), ccy = 0.5 * (copy.height - 1);
+  std::vector<Hypothesis> best;
+  const size_t keep = static_cast<size_t>(bud.keep);
+  std::string bits;
+
+  // 1. Coarse pass.
+  const auto scales = candidate_scales(config.width, config.height, copy.width, copy.height,
+                                       bud.zoom);
+  for (const auto& [sx, sy] : scales) {
+    for (int32_t py = 0; py < bud.phases; ++py) {
+      for (int32_t px = 0; px < bud.phases; ++px) {
+        Geometry g;
+        g.sx = sx;
+        g.sy = sy;
+        g.phx = static_cast<double>(sp) * px / bud.phases;
+        g.phy = static_cast<double>(sp) * py / bud.phases;
+        const int32_t ncols = canvas_cells(sx, g.phx, copy.width, sp);
+        const int32_t nrows = canvas_cells(sy, g.phy, copy.height, sp);
+        if (ncols < 2 || nrows < 2) continue;
+        const CanvasBlock b = s.measure(g, 0, 0, ncols, nrows, 0, bud.coarse_frames, false);
+        // Anchors: the copy's centre on the marked centre, and its top-left
+        // and bottom-right corners on the marked ones.
+        for (int32_t flip = 0; flip < 2; ++flip) {
+          const bool f = flip != 0;
+          std::vector<std::pair<int32_t, int32_t>> anchors = {
+              {s.offset_x_for(g, ccx, mcx, f), s.offset_y_for(g, ccy, mcy)},
+              {s.offset_x_for(g, f ? copy.width - 1 : 0, 0, f), s.offset_y_for(g, 0, 0)},
+              {s.offset_x_for(g, f ? 0 : copy.width - 1, config.width - 1, f),
+               s.offset_y_for(g, copy.height - 1, config.height - 1)}};
+          std::vector<std::pair<int32_t, int32_t>> offsets;
+          for (size_t a = 0; a < anchors.size(); ++a) {
+            const int32_t r = a == 0 ? bud.window : bud.corner_window;
+            for (int32_t ky = anchors[a].second - r; ky <= anchors[a].second + r; ++ky) {
+              for (int32_t kx = anchors[a].first - r; kx <= anchors[a].first + r; ++kx) {
+                offsets.emplace_back(kx, ky);
+              }
+            }
+          }
+          std::sort(offsets.begin(), offsets.end());
+          offsets.erase(std::unique(offsets.begin(), offsets.end()), offsets.end());
+          for (const auto& [kx, ky] : offsets) {
+            const double z = s.score(b, kx, ky, f, &bits);
+            if (best.size() < keep || z > best.back().z) {
+              insert_best(&best, Hypothesis{g, kx, ky, f, z, bits}, keep);
+            }
+          }
+        }
+      }
+    }
+  }
+
+  // 2. Refine: single-pixel phase moves and small scale steps while the
+  // decode over the first frames improves.
+  auto evaluate = [&](Hypothesis* h) {
+    const int32_t ncols = canvas_cells(h->g.sx, h->g.phx, copy.width, sp);
+    const int32_t nrows = canvas_cells(h->g.sy, h->g.phy, copy.height, sp);
+    if (ncols < 2 || nrows < 2) {
+      h->z = 0;
+      return;
+    }
+    const CanvasBlock b = s.measure(h->g, 0, 0, ncols, nrows, 0, bud.refine_frames, false);
+    h->z = s.score(b, h->kx, h->ky, h->flip, &h->bits);
+  };
+  // A phase moved past a superpixel edge is the same grid one superpixel over.
+  auto normalise = [sp](double* phase, int32_t* k) {
+    while (*phase < 0) {
+      *phase += sp;
+      --*k;
+    }
+    while (*phase >= sp) {
+      *phase -= sp;
+      ++*k;
+    }
+  };
+  std::vector<Hypothesis> refined;
+  for (Hypothesis h : best) {
+    evaluate(&h);
+    for (double step : {1.0, 0.5}) {
+      for (int32_t round = 0; round < 4; ++round) {
+        bool moved = false;
+        for (int32_t m = 0; m < 8; ++m) {
+          Hypothesis t = h;
+          const double dir = (m & 1) != 0 ? -1.0 : 1.0;
+          // A mirrored canvas runs the other way over the marked grid, so a
+          // phase moved past a superpixel edge steps the offset backwards.
+          int32_t kx = t.flip ? -t.kx : t.kx;
+          switch (m / 2) {
+            case 0: t.g.phx += dir * step; normalise(&t.g.phx, &kx); break;
+            case 1: t.g.phy += dir * step; normalise(&t.g.phy, &t.ky); break;
+            case 2: t.g.sx *= 1 + dir * 0.001 * step; break;
+            default: t.g.sy *= 1 + dir * 0.001 * step; break;
+          }
+          t.kx = t.flip ? -kx : kx;
+          evaluate(&t);
+          if (t.z > h.z) {
+            h = t;
+            moved = true;
+          }
+        }
+        if (!moved) break;
+      }
+    }
+    refined.push_back(h);
+  }
+
+  // 3. Final: the detector over every kept frame.
+  std::vector<SearchCandidate> finals;
+  const Hypothesis* winner = nullptr;
+  for (const Hypothesis& h : refined) {
+    const int32_t ncols = canvas_cells(h.g.sx, h.g.phx, copy.width, sp);
+    const int32_t nrows = canvas_cells(h.g.sy, h.g.phy, copy.height, sp);
+    if (ncols < 2 || nrows < 2) continue;
+    const CanvasBlock b = s.measure(h.g, 0, 0, ncols, nrows, 0, kept, true);
+    const DetectResult r = s.read(b, h.kx, h.ky, h.flip);
+    const GeoTransform t = s.transform(h.g, h.kx, h.ky, h.flip);
+    if (winner == nullptr || r.z > out->result.z) {
+      winner = &h;
+      out->result = r;
+      out->transform = t;
+    }
+    finals.push_back(SearchCandidate{t, r.wm_id, r.z});
+  }
+  // One candidate per ID, strongest first.
+  std::stable_sort(finals.begin(), finals.end(),
+                   [](const SearchCandidate& a, const SearchCandidate& b) { return a.z > b.z; });
+  for (const SearchCandidate& c : finals) {
+    bool seen = false;
+    for (const SearchCandidate& o : out->candidates) seen = seen || o.wm_id == c.wm_id;
+    if (!seen) out->candidates.push_back(c);
+  }
+  if (winner != nullptr && !expected_bits.empty()) {
+    const CanvasBlock b = s.measure(winner->g, 0, 0, canvas_cells(winner->g.sx, winner->g.phx, copy.width, sp),
+                                    canvas_cells(winner->g.sy, winner->g.phy, copy.height, sp), 0,
+                                    kept, true);
+    s.read(b, winner->kx, winner->ky, winner->flip);
+    out->ber = detector_bit_error_rate(d, detector_expected_symbols(d, expected_bits));
+  }
+
+  out->hypotheses = s.decodes();
+  out->detected_z = threshold_for_hypotheses(kDetectedZ, static_cast<double>(out->hypotheses));
+  out->weak_z = threshold_for_hypotheses(kWeakZ, static_cast<double>(out->hypotheses));
+  const DetectResult& top = out->result;
+  const double z = top.z;
+  Verdict v = z >= out->detected_z ? Verdict::kDetected
+              : z >= out->weak_z   ? Verdict::kWeak
+                                   : Verdict::kNone;
+  // Another ID that fits almost as well: no ID is named.
+  if (v == Verdict::kDetected) {
+    for (const SearchCandidate& c : out->candidates) {
+      if (c.wm_id != top.wm_id && c.z >= out->weak_z && c.z >= kAmbiguousRatio * z) {
+        v = Verdict::kAmbiguous;
+      }
+    }
+  }
+  out->result.verdict = v;
+  return 0;
+}
+
+bool aligned_read_confirmed(const DetectConfig& config, const CopyFrames& copy,
+                            const std::string& bits) {
+  Detector d;
+  if (copy.luma.empty() || detector_init(&d, config, nullptr) != 0) return true;
+  Search s(config, copy, &d);
+  const int32_t sp = s.sp();
+  double aligned_z = -1;
+  double other_z = -1;
+  std::string decoded;
+  for (int32_t py = 0; py < 3; ++py) {
+    for (int32_t px = 0; px < 3; ++px) {
+      Geometry g;
+      g.phx = static_cast<double>(sp) * px / 3;
+      g.phy = static_cast<double>(sp) * py / 3;
+      const CanvasBlock b = s.measure(g, 0, 0, canvas_cells(1, g.phx, copy.width, sp),
+                                      canvas_cells(1, g.phy, copy.height, sp), 0, 1, false);
+      for (int32_t ky = -1; ky <= 1; ++ky) {
+        for (int32_t kx = -1; kx <= 1; ++kx) {
+          if ((px == 0 && kx != 0) || (py == 0 && ky != 0)) continue;
+          const double z = s.score(b, kx, ky, false, &decoded);
+          if (px == 0 && py == 0) {
+            aligned_z = z;
+          } else if (decoded != bits) {
+            other_z = std::max(other_z, z);
+          }
+        }
+      }
+    }
+  }
+  return other_z <= aligned_z;
+}
+
+}  // namespace lumamark
