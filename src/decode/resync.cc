@@ -38,6 +38,9 @@ namespace {
 constexpr uint32_t kSignBit = 0x80000000u;
 constexpr uint32_t kPointMask = 0x7fffffffu;
 
+// Grids of at least this many superpixels are checked on their middle part.
+constexpr int64_t kWholeFrameCells = 16384;
+
 // Standard normal upper tail, and its inverse by bisection.
 double normal_tail(double t) { return 0.5 * std::erfc(t / std::sqrt(2.0)); }
 
@@ -163,11 +166,40 @@ class Search {
     }
     std::fill(points_.begin(), points_.end(), 0.0f);
     std::fill(energy_.begin(), energy_.end(), 0.0);
-    map_cells(b, b.sum.data(), kx, ky, flip, [this](size_t i, float v) {
-      const uint32_t f = fold_[i];
-      points_[f & kPointMask] += (f & kSignBit) != 0 ? -v : v;
-      energy_[block_[i]] += static_cast<double>(v) * v;
-    });
+    float* pts = points_.data();
+    const uint32_t* fold = fold_.data();
+    const uint16_t* blk = block_.data();
+    double* energy = energy_.data();
+    const bool one_block = energy_.size() == 1;
+    double sum2 = 0;
+    for (int32_t r = 0; r < b.rows; ++r) {
+      const int32_t mr = b.r0 + r + ky;
+      if (mr < 0 || mr >= rows_) continue;
+      const float* row = b.sum.data() + static_cast<size_t>(r) * b.cols;
+      const size_t base = static_cast<size_t>(mr) * cols_;
+      // Canvas cells c whose marked column lies on the grid.
+      int32_t lo = 0, hi = b.cols;
+      if (flip) {
+        lo = std::max(lo, kx - b.c0 - cols_ + 1);
+        hi = std::min(hi, kx - b.c0 + 1);
+      } else {
+        lo = std::max(lo, -b.c0 - kx);
+        hi = std::min(hi, cols_ - b.c0 - kx);
+      }
+      for (int32_t c = lo; c < hi; ++c) {
+        const float v = row[c];
+        const size_t i = base + static_cast<size_t>(flip ? kx - (b.c0 + c) : b.c0 + c + kx);
+        const uint32_t f = fold[i];
+        pts[f & kPointMask] += (f & kSignBit) != 0 ? -v : v;
+        const double v2 = static_cast<double>(v) * v;
+        if (one_block) {
+          sum2 += v2;
+        } else {
+          energy[blk[i]] += v2;
+        }
+      }
+    }
+    if (one_block) energy_[0] = sum2;
     double weakest = 0;
     const std::vector<RmPlanBlock>& blocks = d_->plan.blocks;
     for (size_t k = 0; k < blocks.size(); ++k) {
@@ -225,7 +257,8 @@ class Search {
  private:
   // The Reed-Muller plan flattened per superpixel: the point it folds onto
   // (over all blocks' points laid end to end), with the sign pattern's sign
-  // and the pad's sign combined in the top bit, and its block.
+  // and the pad's sign combined in the top bit, and its block. Superpixels
+  // past the coded length (none in this mode) fold nothing.
   void build_fold() {
     const std::vector<RmPlanBlock>& blocks = d_->plan.blocks;
     const size_t n = static_cast<size_t>(d_->cells);
@@ -243,7 +276,8 @@ class Search {
     for (size_t i = 0; i < n && i < static_cast<size_t>(d_->plan.length); ++i) {
       const size_t k = i % stride;
       const uint32_t f = blocks[k].fold[i / stride];
-      fold_[i] = (f & kSignBit) | static_cast<uint32_t>(point_base_[k] + (f & kPointMask));
+      const uint32_t sign = d_->signs[i] < 0 ? kSignBit : 0u;
+      fold_[i] = ((f & kSignBit) ^ sign) | static_cast<uint32_t>(point_base_[k] + (f & kPointMask));
       block_[i] = static_cast<uint16_t>(k);
     }
   }
@@ -272,15 +306,21 @@ class Search {
 // aspect ratio inside the copy with bars, the picture squeezed to common
 // display aspect ratios inside bars, and with zoom, the picture cropped and
 // scaled back up to the copy's size.
-std::vector<std::pair<double, double>> candidate_scales(int32_t mw, int32_t mh, int32_t cw,
-                                                         int32_t ch, bool zoom) {
-  std::vector<std::pair<double, double>> out;
-  auto add = [&out](double sx, double sy) {
+struct ScaleCandidate {
+  double sx = 1, sy = 1;
+  bool zoomed = false;  // a crop-and-zoom scale: tried on the picture's centre only
+};
+
+std::vector<ScaleCandidate> candidate_scales(int32_t mw, int32_t mh, int32_t cw, int32_t ch,
+                                             bool zoom) {
+  std::vector<ScaleCandidate> out;
+  bool zoomed = false;
+  auto add = [&out, &zoomed](double sx, double sy) {
     if (!(sx > 0.2 && sx < 8 && sy > 0.2 && sy < 8)) return;
-    for (const auto& s : out) {
-      if (std::fabs(s.first / sx - 1) < 5e-4 && std::fabs(s.second / sy - 1) < 5e-4) return;
+    for (const ScaleCandidate& s : out) {
+      if (std::fabs(s.sx / sx - 1) < 5e-4 && std::fabs(s.sy / sy - 1) < 5e-4) return;
     }
-    out.emplace_back(sx, sy);
+    out.push_back(ScaleCandidate{sx, sy, zoomed});
   };
   const double fx = static_cast<double>(mw) / cw;
   const double fy = static_cast<double>(mh) / ch;
@@ -293,8 +333,11 @@ std::vector<std::pair<double, double>> candidate_scales(int32_t mw, int32_t mh, 
     // Letterbox: the picture is the copy's width and width / aspect high.
     if (cw / aspect <= ch + 1) add(fx, mh * aspect / cw);
   }
+  // A crop of up to about 6% per side scaled back up, in steps that leave
+  // the grid within about a pixel over the middle half of the picture.
+  zoomed = true;
   if (zoom) {
-    for (double k = 0.995; k > 0.855; k -= 0.005) add(fx * k, fy * k);
+    for (double k = 0.995; k > 0.875; k -= 0.005) add(fx * k, fy * k);
   }
   return out;
 }
@@ -306,12 +349,14 @@ struct Budget {
   int32_t window;        // offsets tried around the centre anchor, per axis, each way
   int32_t corner_window; // ... and around the corner anchors
   bool zoom;             // crop-and-zoom scales
+  int32_t zoom_window;   // offsets around the centre anchor for those
+  bool refine_scale;     // refine moves the scale too
   int32_t keep;          // hypotheses refined
 };
 
 Budget budget_for(SearchMode mode) {
-  if (mode == SearchMode::kFull) return Budget{2, 2, 3, 8, 3, true, 4};
-  return Budget{1, 1, 3, 3, 2, false, 3};
+  if (mode == SearchMode::kFull) return Budget{1, 2, 3, 5, 2, true, 4, true, 3};
+  return Budget{1, 1, 3, 2, 1, false, 0, false, 2};
 }
 
 // Keeps the keep strongest hypotheses, one per decoded ID.
@@ -374,21 +419,25 @@ int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, Search
   // 1. Coarse pass.
   const auto scales = candidate_scales(config.width, config.height, copy.width, copy.height,
                                        bud.zoom);
-  for (const auto& [sx, sy] : scales) {
+  for (const ScaleCandidate& sc : scales) {
     for (int32_t py = 0; py < bud.phases; ++py) {
       for (int32_t px = 0; px < bud.phases; ++px) {
         Geometry g;
-        g.sx = sx;
-        g.sy = sy;
+        g.sx = sc.sx;
+        g.sy = sc.sy;
         g.phx = static_cast<double>(sp) * px / bud.phases;
         g.phy = static_cast<double>(sp) * py / bud.phases;
-        const int32_t ncols = canvas_cells(sx, g.phx, copy.width, sp);
-        const int32_t nrows = canvas_cells(sy, g.phy, copy.height, sp);
+        const int32_t ncols = canvas_cells(g.sx, g.phx, copy.width, sp);
+        const int32_t nrows = canvas_cells(g.sy, g.phy, copy.height, sp);
         if (ncols < 2 || nrows < 2) continue;
-        const CanvasBlock b = s.measure(g, 0, 0, ncols, nrows, 0, bud.coarse_frames, false);
+        // A zoom is tried on the middle half of the picture in each
+        // direction, where a scale a step off still meets the grid.
+        const CanvasBlock b =
+            sc.zoomed ? s.measure(g, ncols / 4, nrows / 4, ncols / 2, nrows / 2, 0, 1, false)
+                      : s.measure(g, 0, 0, ncols, nrows, 0, bud.coarse_frames, false);
         // Anchors: the copy's centre on the marked centre, and its top-left
         // and bottom-right corners on the marked ones.
-        for (int32_t flip = 0; flip < 2; ++flip) {
+        for (int32_t flip = 0; flip < (sc.zoomed ? 1 : 2); ++flip) {
           const bool f = flip != 0;
           std::vector<std::pair<int32_t, int32_t>> anchors = {
               {s.offset_x_for(g, ccx, mcx, f), s.offset_y_for(g, ccy, mcy)},
@@ -397,7 +446,8 @@ int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, Search
                s.offset_y_for(g, copy.height - 1, config.height - 1)}};
           std::vector<std::pair<int32_t, int32_t>> offsets;
           for (size_t a = 0; a < anchors.size(); ++a) {
-            const int32_t r = a == 0 ? bud.window : bud.corner_window;
+            const int32_t r =
+                a > 0 ? bud.corner_window : sc.zoomed ? bud.zoom_window : bud.window;
             for (int32_t ky = anchors[a].second - r; ky <= anchors[a].second + r; ++ky) {
               for (int32_t kx = anchors[a].first - r; kx <= anchors[a].first + r; ++kx) {
                 offsets.emplace_back(kx, ky);
@@ -442,11 +492,13 @@ int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, Search
   };
   std::vector<Hypothesis> refined;
   for (Hypothesis h : best) {
-    evaluate(&h);
+    // Far weaker than the best: not worth moving (it still gets read).
+    if (h.z >= 0.3 * best.front().z) evaluate(&h);
     for (double step : {1.0, 0.5}) {
-      for (int32_t round = 0; round < 4; ++round) {
+      for (int32_t round = 0; round < (step < 1 ? 1 : 3) && h.z >= 0.3 * best.front().z;
+           ++round) {
         bool moved = false;
-        for (int32_t m = 0; m < 8; ++m) {
+        for (int32_t m = 0; m < (bud.refine_scale ? 8 : 4); ++m) {
           Hypothesis t = h;
           const double dir = (m & 1) != 0 ? -1.0 : 1.0;
           // A mirrored canvas runs the other way over the marked grid, so a
@@ -538,8 +590,12 @@ bool aligned_read_confirmed(const DetectConfig& config, const CopyFrames& copy,
       Geometry g;
       g.phx = static_cast<double>(sp) * px / 3;
       g.phy = static_cast<double>(sp) * py / 3;
-      const CanvasBlock b = s.measure(g, 0, 0, canvas_cells(1, g.phx, copy.width, sp),
-                                      canvas_cells(1, g.phy, copy.height, sp), 0, 1, false);
+      const int32_t ncols = canvas_cells(1, g.phx, copy.width, sp);
+      const int32_t nrows = canvas_cells(1, g.phy, copy.height, sp);
+      // On a large frame the middle half in each direction is plenty.
+      const bool part = static_cast<int64_t>(ncols) * nrows >= kWholeFrameCells;
+      const CanvasBlock b = part ? s.measure(g, ncols / 4, nrows / 4, ncols / 2, nrows / 2, 0, 1, false)
+                                 : s.measure(g, 0, 0, ncols, nrows, 0, 1, false);
       for (int32_t ky = -1; ky <= 1; ++ky) {
         for (int32_t kx = -1; kx <= 1; ++kx) {
           if ((px == 0 && kx != 0) || (py == 0 && ky != 0)) continue;
