@@ -42,11 +42,14 @@ TEST(DetectE2e, OutputsAndExitStatuses) {
   };
   const Case cases[] = {
       {cat(geo, cat({"--input-file", dir.file("marked.yuv"), "--json"}, urn)), "", 0, "{\"wm_id\": \"1a2b\", \"z\": ",
-       ", \"frames\": 3, \"verdict\": \"detected\"}\n", ""},
+       ", \"frames\": 3, \"verdict\": \"detected\", \"transform\": {\"scale_x\": 1.0000, \"scale_y\": 1.0000, "
+       "\"offset_x\": 0.00, \"offset_y\": 0.00, \"flip\": false}}\n", ""},
       {cat(geo, cat({"--frames", "1"}, urn)), marked, 0, "Watermark detected: ID 1a2b (z ", " from 1 frame).\n", ""},
       {cat(geo, cat({"--json", "--wm-id", "1a2b"}, urn)), marked, 0, "{", "\"expected\": \"1a2b\", \"match\": true, \"ber\": 0.", ""},
+      // A detected ID that is not the expected one has a status of its own.
+      {cat(geo, cat({"--wm-id", "1a2c"}, urn)), marked, 3, "Watermark detected: ID 1a2b", "Expected ID 1a2c: does not match", ""},
       // The wrong URN, or no mark at all: status 2.
-      {cat(geo, {"--json"}), marked, 2, "{", "\"verdict\": \"none\"}\n", ""},
+      {cat(geo, {"--json"}), marked, 2, "{", "\"verdict\": \"none\", \"transform\": ", ""},
       {cat(geo, urn), raw, 2, "No watermark detected (z ", "", ""},
       {cat(geo, parity), marked_parity, 0, "Watermark detected: ID c ", "", ""},
       {cat(geo, sparse), marked_sparse, 0, "Watermark detected: ID 05 ", "", ""},
@@ -56,6 +59,7 @@ TEST(DetectE2e, OutputsAndExitStatuses) {
       {{}, "", 1, "Usage: ", "", ""},
       {{"--bogus"}, "", 1, "", "", "Error: Unknown option: --bogus\n"},
       {cat(geo, {"--width", "12x"}), "", 1, "", "", "Error: --width expects an integer, got '12x'\n"},
+      {cat(geo, {"--search", "deep"}), "", 1, "", "", "Error: --search expects none, fast or full, got 'deep'\n"},
       {cat(geo, {"--pix-fmt", "rgb24"}), raw, 1, "", "",
        "Error: Unsupported pixel format: rgb24 (use yuv420p, yuv422p or yuv444p)\n"},
       {cat(geo, {"--wm-id", "3fff"}), raw, 1, "", "", "Error: --wm-id 3fff is not a hexadecimal ID of at most 13 bits\n"},
