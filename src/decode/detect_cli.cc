@@ -63,7 +63,7 @@ void print_detect_usage(const char* program, std::ostream& out) {
       << "  --input-width <int>   Width of the copy being read (default: --width)\n"
       << "  --input-height <int>  Height of the copy being read (default: --height)\n"
       << "  --search <str>        Geometric search when the aligned read finds no mark:\n"
-      << "                        none, fast (default) or full\n"
+      << "                        none, fast or full (default: fast, then full if needed)\n"
       << "  --pix-fmt <str>       Pixel format: yuv420p (default), yuv422p or yuv444p\n"
       << "  --frames <int>        Number of frames to use (default: all)\n"
       << "  --sp-width <int>      Superpixel size used when embedding (default 7)\n"

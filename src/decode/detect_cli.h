@@ -20,7 +20,7 @@ struct DetectOptions {
   std::string expect_id;     // --wm-id: ID to compare against; empty = none
   int32_t input_width = 0;   // --input-width: the copy's width; 0 = the marked width
   int32_t input_height = 0;  // --input-height: the copy's height; 0 = the marked height
-  SearchMode search = SearchMode::kFast;  // --search: geometric search when the aligned read fails
+  SearchMode search = SearchMode::kAuto;  // --search: geometric search when the aligned read fails
 };
 
 enum class DetectParse { kRun, kHelp, kVersion, kError };

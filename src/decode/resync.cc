@@ -38,6 +38,11 @@ namespace {
 constexpr uint32_t kSignBit = 0x80000000u;
 constexpr uint32_t kPointMask = 0x7fffffffu;
 
+// Offsets per axis are searched through between the anchors when these lie
+// at most this many superpixels apart (a crop of up to about 5% per side at
+// 1080p), and only around them otherwise.
+constexpr int32_t kMaxSpan = 16;
+
 // Grids of at least this many superpixels are checked on their middle part.
 constexpr int64_t kWholeFrameCells = 16384;
 
@@ -72,6 +77,7 @@ struct CanvasBlock {
   int32_t c0 = 0, r0 = 0;       // first canvas cell of the block
   int32_t cols = 0, rows = 0;   // cells in the block
   std::vector<float> sum;       // soft values summed over the frames measured
+  std::vector<double> energy;   // per row, running sums of the squared values (cols + 1 each)
   std::vector<std::vector<float>> frames;  // per frame, when kept
 };
 
@@ -127,6 +133,12 @@ class Search {
       soft_values(measures_.data(), grid, unit_signs_.data(), soft_.data(), &scratch_);
       for (size_t i = 0; i < cells; ++i) b.sum[i] += soft_[i];
       if (keep_frames) b.frames.push_back(soft_);
+    }
+    b.energy.assign(static_cast<size_t>(b.cols + 1) * b.rows, 0.0);
+    for (int32_t r = 0; r < b.rows; ++r) {
+      double* e = b.energy.data() + static_cast<size_t>(r) * (b.cols + 1);
+      const float* v = b.sum.data() + static_cast<size_t>(r) * b.cols;
+      for (int32_t c = 0; c < b.cols; ++c) e[c + 1] = e[c] + static_cast<double>(v[c]) * v[c];
     }
     return b;
   }
@@ -186,17 +198,17 @@ class Search {
         lo = std::max(lo, -b.c0 - kx);
         hi = std::min(hi, cols_ - b.c0 - kx);
       }
+      if (lo >= hi) continue;
+      if (one_block) {
+        const double* e = b.energy.data() + static_cast<size_t>(r) * (b.cols + 1);
+        sum2 += e[hi] - e[lo];
+      }
       for (int32_t c = lo; c < hi; ++c) {
         const float v = row[c];
         const size_t i = base + static_cast<size_t>(flip ? kx - (b.c0 + c) : b.c0 + c + kx);
         const uint32_t f = fold[i];
         pts[f & kPointMask] += (f & kSignBit) != 0 ? -v : v;
-        const double v2 = static_cast<double>(v) * v;
-        if (one_block) {
-          sum2 += v2;
-        } else {
-          energy[blk[i]] += v2;
-        }
+        if (!one_block) energy[blk[i]] += static_cast<double>(v) * v;
       }
     }
     if (one_block) energy_[0] = sum2;
@@ -346,8 +358,7 @@ struct Budget {
   int32_t coarse_frames;
   int32_t refine_frames;
   int32_t phases;        // phases per axis in the coarse pass
-  int32_t window;        // offsets tried around the centre anchor, per axis, each way
-  int32_t corner_window; // ... and around the corner anchors
+  int32_t window;        // offsets tried around the anchors, per axis, each way
   bool zoom;             // crop-and-zoom scales
   int32_t zoom_window;   // offsets around the centre anchor for those
   bool refine_scale;     // refine moves the scale too
@@ -355,8 +366,8 @@ struct Budget {
 };
 
 Budget budget_for(SearchMode mode) {
-  if (mode == SearchMode::kFull) return Budget{1, 2, 3, 5, 2, true, 4, true, 3};
-  return Budget{1, 1, 3, 2, 1, false, 0, false, 2};
+  if (mode == SearchMode::kFull) return Budget{1, 2, 3, 4, true, 2, true, 3};
+  return Budget{1, 1, 3, 2, false, 0, false, 2};
 }
 
 // Keeps the keep strongest hypotheses, one per decoded ID.
@@ -381,8 +392,12 @@ double threshold_for_hypotheses(double base_z, double hypotheses) {
   return inverse_normal_tail(normal_tail(base_z) / (100.0 * hypotheses));
 }
 
-int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, SearchMode mode,
-                      const std::string& expected_bits, ResyncResult* out, std::string* error) {
+namespace {
+
+// One search; prior decodes made before it count towards its thresholds.
+int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMode mode,
+                    const std::string& expected_bits, int64_t prior, ResyncResult* out,
+                    std::string* error) {
   Detector d;
   if (detector_init(&d, config, error) != 0) return -1;
   *out = ResyncResult{};
@@ -435,27 +450,37 @@ int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, Search
         const CanvasBlock b =
             sc.zoomed ? s.measure(g, ncols / 4, nrows / 4, ncols / 2, nrows / 2, 0, 1, false)
                       : s.measure(g, 0, 0, ncols, nrows, 0, bud.coarse_frames, false);
-        // Anchors: the copy's centre on the marked centre, and its top-left
-        // and bottom-right corners on the marked ones.
+        // Offsets per axis: around the copy's centre on the marked centre
+        // and its edges on the marked edges; when those lie close together
+        // (a shift, or a crop kept at its size) everything between them.
+        const int32_t w = sc.zoomed ? bud.zoom_window : bud.window;
+        auto axis_offsets = [w](int32_t start, int32_t centre, int32_t end) {
+          std::vector<int32_t> v;
+          const int32_t lo = std::min({start, centre, end}), hi = std::max({start, centre, end});
+          if (hi - lo <= kMaxSpan) {
+            for (int32_t k = lo - w; k <= hi + w; ++k) v.push_back(k);
+          } else {
+            for (int32_t a : {start, centre, end}) {
+              for (int32_t k = a - w; k <= a + w; ++k) v.push_back(k);
+            }
+            std::sort(v.begin(), v.end());
+            v.erase(std::unique(v.begin(), v.end()), v.end());
+          }
+          return v;
+        };
+        const std::vector<int32_t> oys =
+            axis_offsets(s.offset_y_for(g, 0, 0), s.offset_y_for(g, ccy, mcy),
+                         s.offset_y_for(g, copy.height - 1, config.height - 1));
         for (int32_t flip = 0; flip < (sc.zoomed ? 1 : 2); ++flip) {
           const bool f = flip != 0;
-          std::vector<std::pair<int32_t, int32_t>> anchors = {
-              {s.offset_x_for(g, ccx, mcx, f), s.offset_y_for(g, ccy, mcy)},
-              {s.offset_x_for(g, f ? copy.width - 1 : 0, 0, f), s.offset_y_for(g, 0, 0)},
-              {s.offset_x_for(g, f ? 0 : copy.width - 1, config.width - 1, f),
-               s.offset_y_for(g, copy.height - 1, config.height - 1)}};
+          const std::vector<int32_t> oxs =
+              axis_offsets(s.offset_x_for(g, f ? copy.width - 1 : 0, 0, f),
+                           s.offset_x_for(g, ccx, mcx, f),
+                           s.offset_x_for(g, f ? 0 : copy.width - 1, config.width - 1, f));
           std::vector<std::pair<int32_t, int32_t>> offsets;
-          for (size_t a = 0; a < anchors.size(); ++a) {
-            const int32_t r =
-                a > 0 ? bud.corner_window : sc.zoomed ? bud.zoom_window : bud.window;
-            for (int32_t ky = anchors[a].second - r; ky <= anchors[a].second + r; ++ky) {
-              for (int32_t kx = anchors[a].first - r; kx <= anchors[a].first + r; ++kx) {
-                offsets.emplace_back(kx, ky);
-              }
-            }
+          for (int32_t ky : oys) {
+            for (int32_t kx : oxs) offsets.emplace_back(kx, ky);
           }
-          std::sort(offsets.begin(), offsets.end());
-          offsets.erase(std::unique(offsets.begin(), offsets.end()), offsets.end());
           for (const auto& [kx, ky] : offsets) {
             const double z = s.score(b, kx, ky, f, &bits);
             if (best.size() < keep || z > best.back().z) {
@@ -556,7 +581,7 @@ int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, Search
     out->ber = detector_bit_error_rate(d, detector_expected_symbols(d, expected_bits));
   }
 
-  out->hypotheses = s.decodes();
+  out->hypotheses = prior + s.decodes();
   out->detected_z = threshold_for_hypotheses(kDetectedZ, static_cast<double>(out->hypotheses));
   out->weak_z = threshold_for_hypotheses(kWeakZ, static_cast<double>(out->hypotheses));
   const DetectResult& top = out->result;
@@ -574,6 +599,20 @@ int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, Search
   }
   out->result.verdict = v;
   return 0;
+}
+
+}  // namespace
+
+int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, SearchMode mode,
+                      const std::string& expected_bits, ResyncResult* out, std::string* error) {
+  if (mode != SearchMode::kAuto) {
+    return search_once(config, copy, mode, expected_bits, 0, out, error);
+  }
+  if (search_once(config, copy, SearchMode::kFast, expected_bits, 0, out, error) != 0) return -1;
+  if (out->result.verdict == Verdict::kDetected || out->result.verdict == Verdict::kAmbiguous) {
+    return 0;
+  }
+  return search_once(config, copy, SearchMode::kFull, expected_bits, out->hypotheses, out, error);
 }
 
 bool aligned_read_confirmed(const DetectConfig& config, const CopyFrames& copy,

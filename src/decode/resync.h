@@ -23,7 +23,8 @@ struct GeoTransform {
   bool flip = false;    // the copy is mirrored left to right
 };
 
-enum class SearchMode { kNone, kFast, kFull };
+// kAuto runs the fast search, then the full one when the fast one names no ID.
+enum class SearchMode { kNone, kFast, kFull, kAuto };
 
 // Frames of the copy kept for the search: luma planes of width x height
 // samples, rows width bytes apart.
