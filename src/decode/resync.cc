@@ -249,6 +249,21 @@ class Search {
     return t;
   }
 
+  // The phases and whole-superpixel offsets of the transform with scales
+  // g->sx, g->sy and offsets ox, oy (the inverse of transform()).
+  void place(Geometry* g, int32_t* kx, int32_t* ky, bool flip, double ox, double oy) const {
+    if (flip) {
+      const double a = ox - (sp_ - 1) + g->sx * (copy_.width - 1);
+      *kx = static_cast<int32_t>(std::floor(a / sp_));
+      g->phx = a - sp_ * static_cast<double>(*kx);
+    } else {
+      *kx = static_cast<int32_t>(std::ceil(ox / sp_));
+      g->phx = sp_ * static_cast<double>(*kx) - ox;
+    }
+    *ky = static_cast<int32_t>(std::ceil(oy / sp_));
+    g->phy = sp_ * static_cast<double>(*ky) - oy;
+  }
+
   // Whole-superpixel offsets that put marked pixel m at copy position p
   // (no mirror / mirrored), along x.
   int32_t offset_x_for(const Geometry& g, double p, double m, bool flip) const {
@@ -318,21 +333,25 @@ class Search {
 // aspect ratio inside the copy with bars, the picture squeezed to common
 // display aspect ratios inside bars, and with zoom, the picture cropped and
 // scaled back up to the copy's size.
+enum class Region { kWhole, kHalf, kQuarter };
+
 struct ScaleCandidate {
   double sx = 1, sy = 1;
-  bool zoomed = false;  // a crop-and-zoom scale: tried on the picture's centre only
+  // Where the coarse pass measures: a crop-and-zoom scale is tried on the
+  // middle of the picture, where a scale a step off still meets the grid.
+  Region region = Region::kWhole;
 };
 
 std::vector<ScaleCandidate> candidate_scales(int32_t mw, int32_t mh, int32_t cw, int32_t ch,
                                              bool zoom) {
   std::vector<ScaleCandidate> out;
-  bool zoomed = false;
-  auto add = [&out, &zoomed](double sx, double sy) {
+  Region region = Region::kWhole;
+  auto add = [&out, &region](double sx, double sy) {
     if (!(sx > 0.2 && sx < 8 && sy > 0.2 && sy < 8)) return;
     for (const ScaleCandidate& s : out) {
       if (std::fabs(s.sx / sx - 1) < 5e-4 && std::fabs(s.sy / sy - 1) < 5e-4) return;
     }
-    out.push_back(ScaleCandidate{sx, sy, zoomed});
+    out.push_back(ScaleCandidate{sx, sy, region});
   };
   const double fx = static_cast<double>(mw) / cw;
   const double fy = static_cast<double>(mh) / ch;
@@ -345,11 +364,19 @@ std::vector<ScaleCandidate> candidate_scales(int32_t mw, int32_t mh, int32_t cw,
     // Letterbox: the picture is the copy's width and width / aspect high.
     if (cw / aspect <= ch + 1) add(fx, mh * aspect / cw);
   }
-  // A crop of up to about 6% per side scaled back up, in steps that leave
-  // the grid within about a pixel over the middle half of the picture.
-  zoomed = true;
-  if (zoom) {
-    for (double k = 0.995; k > 0.875; k -= 0.005) add(fx * k, fy * k);
+  if (!zoom) return out;
+  // A crop of up to about 6% per side scaled back up, the same in both
+  // directions, in steps that leave the grid within about a pixel over the
+  // middle half of the picture.
+  region = Region::kHalf;
+  for (double k = 0.995; k > 0.875; k -= 0.005) add(fx * k, fy * k);
+  // ... and different in each direction, in coarser steps over the middle
+  // quarter.
+  region = Region::kQuarter;
+  for (int32_t i = 1; i <= 12; ++i) {
+    for (int32_t j = 1; j <= 12; ++j) {
+      if (i != j) add(fx * (1 - 0.01 * i), fy * (1 - 0.01 * j));
+    }
   }
   return out;
 }
@@ -361,12 +388,12 @@ struct Budget {
   int32_t window;        // offsets tried around the anchors, per axis, each way
   bool zoom;             // crop-and-zoom scales
   int32_t zoom_window;   // offsets around the centre anchor for those
-  bool refine_scale;     // refine moves the scale too
+  bool refine_scale;     // refine moves the scale too (from 0.4% down to 0.1% steps)
   int32_t keep;          // hypotheses refined
 };
 
 Budget budget_for(SearchMode mode) {
-  if (mode == SearchMode::kFull) return Budget{1, 2, 3, 4, true, 2, true, 3};
+  if (mode == SearchMode::kFull) return Budget{1, 1, 3, 4, true, 2, true, 3};
   return Budget{1, 1, 3, 2, false, 0, false, 2};
 }
 
@@ -395,9 +422,11 @@ double threshold_for_hypotheses(double base_z, double hypotheses) {
 namespace {
 
 // One search; prior decodes made before it count towards its thresholds.
+// With zoom_only the scales of the fast search are left out (it has just
+// tried them).
 int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMode mode,
-                    const std::string& expected_bits, int64_t prior, ResyncResult* out,
-                    std::string* error) {
+                    const std::string& expected_bits, int64_t prior, bool zoom_only,
+                    ResyncResult* out, std::string* error) {
   Detector d;
   if (detector_init(&d, config, error) != 0) return -1;
   *out = ResyncResult{};
@@ -435,6 +464,7 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
   const auto scales = candidate_scales(config.width, config.height, copy.width, copy.height,
                                        bud.zoom);
   for (const ScaleCandidate& sc : scales) {
+    if (zoom_only && sc.region == Region::kWhole) continue;
     for (int32_t py = 0; py < bud.phases; ++py) {
       for (int32_t px = 0; px < bud.phases; ++px) {
         Geometry g;
@@ -445,17 +475,22 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
         const int32_t ncols = canvas_cells(g.sx, g.phx, copy.width, sp);
         const int32_t nrows = canvas_cells(g.sy, g.phy, copy.height, sp);
         if (ncols < 2 || nrows < 2) continue;
-        // A zoom is tried on the middle half of the picture in each
-        // direction, where a scale a step off still meets the grid.
         const CanvasBlock b =
-            sc.zoomed ? s.measure(g, ncols / 4, nrows / 4, ncols / 2, nrows / 2, 0, 1, false)
-                      : s.measure(g, 0, 0, ncols, nrows, 0, bud.coarse_frames, false);
+            sc.region == Region::kHalf
+                ? s.measure(g, ncols / 4, nrows / 4, ncols / 2, nrows / 2, 0, 1, false)
+            : sc.region == Region::kQuarter
+                ? s.measure(g, ncols * 3 / 8, nrows * 3 / 8, ncols / 4, nrows / 4, 0, 1, false)
+                : s.measure(g, 0, 0, ncols, nrows, 0, bud.coarse_frames, false);
+        const bool zoomed = sc.region != Region::kWhole;
         // Offsets per axis: around the copy's centre on the marked centre
         // and its edges on the marked edges; when those lie close together
         // (a shift, or a crop kept at its size) everything between them.
-        const int32_t w = sc.zoomed ? bud.zoom_window : bud.window;
-        auto axis_offsets = [w](int32_t start, int32_t centre, int32_t end) {
+        // A zoom that differs per direction is tried around the centre only.
+        const int32_t w = zoomed ? bud.zoom_window : bud.window;
+        const bool centred = sc.region == Region::kQuarter;
+        auto axis_offsets = [w, centred](int32_t start, int32_t centre, int32_t end) {
           std::vector<int32_t> v;
+          if (centred) start = end = centre;
           const int32_t lo = std::min({start, centre, end}), hi = std::max({start, centre, end});
           if (hi - lo <= kMaxSpan) {
             for (int32_t k = lo - w; k <= hi + w; ++k) v.push_back(k);
@@ -471,7 +506,7 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
         const std::vector<int32_t> oys =
             axis_offsets(s.offset_y_for(g, 0, 0), s.offset_y_for(g, ccy, mcy),
                          s.offset_y_for(g, copy.height - 1, config.height - 1));
-        for (int32_t flip = 0; flip < (sc.zoomed ? 1 : 2); ++flip) {
+        for (int32_t flip = 0; flip < (zoomed ? 1 : 2); ++flip) {
           const bool f = flip != 0;
           const std::vector<int32_t> oxs =
               axis_offsets(s.offset_x_for(g, f ? copy.width - 1 : 0, 0, f),
@@ -494,14 +529,19 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
 
   // 2. Refine: single-pixel phase moves and small scale steps while the
   // decode over the first frames improves.
-  auto evaluate = [&](Hypothesis* h) {
+  // The coarse steps compare hypotheses on the middle half of the picture
+  // in each direction (a quarter of the work); the last on all of it.
+  auto evaluate = [&](Hypothesis* h, bool middle) {
     const int32_t ncols = canvas_cells(h->g.sx, h->g.phx, copy.width, sp);
     const int32_t nrows = canvas_cells(h->g.sy, h->g.phy, copy.height, sp);
     if (ncols < 2 || nrows < 2) {
       h->z = 0;
       return;
     }
-    const CanvasBlock b = s.measure(h->g, 0, 0, ncols, nrows, 0, bud.refine_frames, false);
+    const bool part = middle && static_cast<int64_t>(ncols) * nrows >= kWholeFrameCells;
+    const CanvasBlock b =
+        part ? s.measure(h->g, ncols / 4, nrows / 4, ncols / 2, nrows / 2, 0, bud.refine_frames, false)
+             : s.measure(h->g, 0, 0, ncols, nrows, 0, bud.refine_frames, false);
     h->z = s.score(b, h->kx, h->ky, h->flip, &h->bits);
   };
   // A phase moved past a superpixel edge is the same grid one superpixel over.
@@ -518,10 +558,15 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
   std::vector<Hypothesis> refined;
   for (Hypothesis h : best) {
     // Far weaker than the best: not worth moving (it still gets read).
-    if (h.z >= 0.3 * best.front().z) evaluate(&h);
-    for (double step : {1.0, 0.5}) {
-      for (int32_t round = 0; round < (step < 1 ? 1 : 3) && h.z >= 0.3 * best.front().z;
-           ++round) {
+    const bool worth = h.z >= 0.3 * best.front().z;
+    // Phase steps in pixels, scale steps as fractions.
+    const std::pair<double, double> steps[] = {{1.0, 0.004}, {1.0, 0.002}, {0.5, 0.001}};
+    for (const auto& [step, scale_step] : steps) {
+      if (!bud.refine_scale && scale_step > 0.001) continue;
+      const bool middle = step >= 1;
+      if (worth) evaluate(&h, middle);
+      const int32_t rounds = step < 1 ? 1 : scale_step > 0.003 ? 6 : 3;
+      for (int32_t round = 0; round < rounds && worth; ++round) {
         bool moved = false;
         for (int32_t m = 0; m < (bud.refine_scale ? 8 : 4); ++m) {
           Hypothesis t = h;
@@ -532,11 +577,23 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
           switch (m / 2) {
             case 0: t.g.phx += dir * step; normalise(&t.g.phx, &kx); break;
             case 1: t.g.phy += dir * step; normalise(&t.g.phy, &t.ky); break;
-            case 2: t.g.sx *= 1 + dir * 0.001 * step; break;
-            default: t.g.sy *= 1 + dir * 0.001 * step; break;
+            default: break;
           }
           t.kx = t.flip ? -kx : kx;
-          evaluate(&t);
+          if (m >= 4) {
+            // A scale step about the copy's centre, which stays where it was.
+            const GeoTransform before = s.transform(t.g, t.kx, t.ky, t.flip);
+            double ox = before.offset_x, oy = before.offset_y;
+            if (m / 2 == 2) {
+              t.g.sx *= 1 + dir * scale_step;
+              ox += (before.scale_x - t.g.sx) * ccx;
+            } else {
+              t.g.sy *= 1 + dir * scale_step;
+              oy += (before.scale_y - t.g.sy) * ccy;
+            }
+            s.place(&t.g, &t.kx, &t.ky, t.flip, ox, oy);
+          }
+          evaluate(&t, middle);
           if (t.z > h.z) {
             h = t;
             moved = true;
@@ -606,13 +663,16 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
 int32_t resync_search(const DetectConfig& config, const CopyFrames& copy, SearchMode mode,
                       const std::string& expected_bits, ResyncResult* out, std::string* error) {
   if (mode != SearchMode::kAuto) {
-    return search_once(config, copy, mode, expected_bits, 0, out, error);
+    return search_once(config, copy, mode, expected_bits, 0, false, out, error);
   }
-  if (search_once(config, copy, SearchMode::kFast, expected_bits, 0, out, error) != 0) return -1;
+  if (search_once(config, copy, SearchMode::kFast, expected_bits, 0, false, out, error) != 0) {
+    return -1;
+  }
   if (out->result.verdict == Verdict::kDetected || out->result.verdict == Verdict::kAmbiguous) {
     return 0;
   }
-  return search_once(config, copy, SearchMode::kFull, expected_bits, out->hypotheses, out, error);
+  return search_once(config, copy, SearchMode::kFull, expected_bits, out->hypotheses, true, out,
+                     error);
 }
 
 bool aligned_read_confirmed(const DetectConfig& config, const CopyFrames& copy,
