@@ -187,7 +187,7 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
         << ", \"frames\": " << r.frames << ", \"verdict\": \"" << verdict_name(r.verdict)
         << "\", \"transform\": " << transform;
     if (geometry.searched) out << ", \"hypotheses\": " << geometry.hypotheses;
-    if (ambiguous) {
+    if (geometry.searched) {
       out << ", \"candidates\": [";
       for (size_t i = 0; i < geometry.candidates.size(); ++i) {
         out << (i == 0 ? "" : ", ") << "{\"wm_id\": \"" << geometry.candidates[i].wm_id

@@ -646,10 +646,13 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
   Verdict v = z >= out->detected_z ? Verdict::kDetected
               : z >= out->weak_z   ? Verdict::kWeak
                                    : Verdict::kNone;
-  // Another ID that fits almost as well: no ID is named.
+  // Another ID that fits almost as well: no ID is named. It must stand out
+  // of the noise of the hypotheses tried (at most a 1e-4-scale chance of a
+  // noise decode reaching the floor per read, as for the thresholds).
+  const double floor = threshold_for_hypotheses(kAmbiguousFloorZ, static_cast<double>(out->hypotheses));
   if (v == Verdict::kDetected) {
     for (const SearchCandidate& c : out->candidates) {
-      if (c.wm_id != top.wm_id && c.z >= out->weak_z && c.z >= kAmbiguousRatio * z) {
+      if (c.wm_id != top.wm_id && c.z >= floor && c.z >= kAmbiguousRatio * z) {
         v = Verdict::kAmbiguous;
       }
     }

@@ -37,6 +37,9 @@ struct CopyFrames {
 // A different ID whose z reaches this fraction of the winner's makes the
 // verdict ambiguous.
 constexpr double kAmbiguousRatio = 0.5;
+// ... provided that its z clears the threshold that the search would set
+// for this base z (noise decodes stay below it).
+constexpr double kAmbiguousFloorZ = 5.0;
 
 // The search keeps at most this many frames of the copy (the first ones).
 constexpr int32_t kSearchFrames = 10;
