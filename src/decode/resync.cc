@@ -10,9 +10,9 @@
 // they cost one decode each and no pixel work.
 //
 // The search runs in three passes:
-//  1. coarse: every candidate scale at a few phases, on the first frames,
-//     over a window of offsets around where the copy's centre or corner would
-//     put the picture;
+//  1. coarse: every candidate scale at a few phases, on the first frame,
+//     over the offsets around where the copy's centre or edges would put
+//     the picture;
 //  2. refine: the best hypotheses are moved by single pixels of phase and
 //     small steps of scale while their decode improves;
 //  3. final: the best refined hypotheses are read by the detector itself
@@ -366,16 +366,16 @@ std::vector<ScaleCandidate> candidate_scales(int32_t mw, int32_t mh, int32_t cw,
   }
   if (!zoom) return out;
   // A crop of up to about 6% per side scaled back up, the same in both
-  // directions, in steps that leave the grid within about a pixel over the
-  // middle half of the picture.
+  // directions, in steps that leave the grid within about two pixels over
+  // the middle half of the picture (the refine pass closes the rest) ...
   region = Region::kHalf;
-  for (double k = 0.995; k > 0.875; k -= 0.005) add(fx * k, fy * k);
+  for (int32_t i = 1; i <= 12; ++i) add(fx * (1 - 0.01 * i), fy * (1 - 0.01 * i));
   // ... and different in each direction, in coarser steps over the middle
   // quarter.
   region = Region::kQuarter;
-  for (int32_t i = 1; i <= 12; ++i) {
-    for (int32_t j = 1; j <= 12; ++j) {
-      if (i != j) add(fx * (1 - 0.01 * i), fy * (1 - 0.01 * j));
+  for (int32_t i = 0; i <= 6; ++i) {
+    for (int32_t j = 0; j <= 6; ++j) {
+      if (i != j) add(fx * (1 - 0.02 * i), fy * (1 - 0.02 * j));
     }
   }
   return out;
@@ -486,8 +486,8 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
         // and its edges on the marked edges; when those lie close together
         // (a shift, or a crop kept at its size) everything between them.
         // A zoom that differs per direction is tried around the centre only.
-        const int32_t w = zoomed ? bud.zoom_window : bud.window;
         const bool centred = sc.region == Region::kQuarter;
+        const int32_t w = centred ? 1 : zoomed ? bud.zoom_window : bud.window;
         auto axis_offsets = [w, centred](int32_t start, int32_t centre, int32_t end) {
           std::vector<int32_t> v;
           if (centred) start = end = centre;
