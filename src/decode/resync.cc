@@ -544,15 +544,16 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
              : s.measure(h->g, 0, 0, ncols, nrows, 0, bud.refine_frames, false);
     h->z = s.score(b, h->kx, h->ky, h->flip, &h->bits);
   };
-  // A phase moved past a superpixel edge is the same grid one superpixel over.
+  // A phase moved past a superpixel edge is the same grid one superpixel
+  // over: the offset sp * k - phase stays.
   auto normalise = [sp](double* phase, int32_t* k) {
     while (*phase < 0) {
       *phase += sp;
-      --*k;
+      ++*k;
     }
     while (*phase >= sp) {
       *phase -= sp;
-      ++*k;
+      --*k;
     }
   };
   std::vector<Hypothesis> refined;
@@ -560,9 +561,10 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
     // Far weaker than the best: not worth moving (it still gets read).
     const bool worth = h.z >= 0.3 * best.front().z;
     // Phase steps in pixels, scale steps as fractions.
-    const std::pair<double, double> steps[] = {{1.0, 0.004}, {1.0, 0.002}, {0.5, 0.001}};
+    const std::vector<std::pair<double, double>> steps =
+        bud.refine_scale ? std::vector<std::pair<double, double>>{{1.0, 0.004}, {1.0, 0.002}, {0.5, 0.001}}
+                         : std::vector<std::pair<double, double>>{{1.0, 0.0}, {0.5, 0.0}};
     for (const auto& [step, scale_step] : steps) {
-      if (!bud.refine_scale && scale_step > 0.001) continue;
       const bool middle = step >= 1;
       if (worth) evaluate(&h, middle);
       const int32_t rounds = step < 1 ? 1 : scale_step > 0.003 ? 6 : 3;

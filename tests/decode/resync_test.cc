@@ -103,6 +103,7 @@ TEST(Resync, FindsTheGeometryOfACopy) {
   };
   const Case cases[] = {
       {kW, kH, 1, 1, 4, 0, false},      {kW, kH, 1, 1, -17, 9, false}, {kW, kH, 1, 1, 0, 0, true},
+      {kW, kH, 1, 1, 6, -13, false},  // the refine pass moves the phase across a superpixel edge
       {336, 252, 4.0 / 3, 4.0 / 3, 0, 0, false}, {406, 304, 1, 1, 21, 16, false},
   };
   for (const Case& c : cases) {
@@ -118,9 +119,9 @@ TEST(Resync, FindsTheGeometryOfACopy) {
     EXPECT_NEAR(r.transform.scale_x, c.sx, 0.01) << what;
     EXPECT_EQ(r.transform.flip, c.flip) << what;
     if (!c.flip) {
-      EXPECT_NEAR(r.transform.offset_x, c.ox, 1.0) << what;
+      EXPECT_NEAR(r.transform.offset_x, c.ox, 0.6) << what;
     }
-    EXPECT_NEAR(r.transform.offset_y, c.oy, 1.0) << what;
+    EXPECT_NEAR(r.transform.offset_y, c.oy, 0.6) << what;
     EXPECT_GT(r.detected_z, kDetectedZ);
   }
 }
