@@ -570,28 +570,35 @@ int32_t search_once(const DetectConfig& config, const CopyFrames& copy, SearchMo
       const int32_t rounds = step < 1 ? 1 : scale_step > 0.003 ? 6 : 3;
       for (int32_t round = 0; round < rounds && worth; ++round) {
         bool moved = false;
-        for (int32_t m = 0; m < (bud.refine_scale ? 8 : 4); ++m) {
+        // Moves 0-3: the phase; 4-15: the scale of either direction, about a
+        // point a quarter, half or three quarters across the copy, which stays
+        // where it was (a partly aligned hypothesis is aligned around some
+        // point, and a step about it extends the aligned part).
+        for (int32_t m = 0; m < (bud.refine_scale ? 16 : 4); ++m) {
           Hypothesis t = h;
           const double dir = (m & 1) != 0 ? -1.0 : 1.0;
-          // A mirrored canvas runs the other way over the marked grid, so a
-          // phase moved past a superpixel edge steps the offset backwards.
-          int32_t kx = t.flip ? -t.kx : t.kx;
-          switch (m / 2) {
-            case 0: t.g.phx += dir * step; normalise(&t.g.phx, &kx); break;
-            case 1: t.g.phy += dir * step; normalise(&t.g.phy, &t.ky); break;
-            default: break;
-          }
-          t.kx = t.flip ? -kx : kx;
-          if (m >= 4) {
-            // A scale step about the copy's centre, which stays where it was.
+          if (m < 4) {
+            // A mirrored canvas runs the other way over the marked grid, so
+            // a phase moved past a superpixel edge steps the offset backwards.
+            int32_t kx = t.flip ? -t.kx : t.kx;
+            if (m < 2) {
+              t.g.phx += dir * step;
+              normalise(&t.g.phx, &kx);
+            } else {
+              t.g.phy += dir * step;
+              normalise(&t.g.phy, &t.ky);
+            }
+            t.kx = t.flip ? -kx : kx;
+          } else {
+            const double pivot = 0.25 * ((m - 4) / 4 + 1);
             const GeoTransform before = s.transform(t.g, t.kx, t.ky, t.flip);
             double ox = before.offset_x, oy = before.offset_y;
-            if (m / 2 == 2) {
+            if ((m / 2) % 2 == 0) {
               t.g.sx *= 1 + dir * scale_step;
-              ox += (before.scale_x - t.g.sx) * ccx;
+              ox += (before.scale_x - t.g.sx) * pivot * (copy.width - 1);
             } else {
               t.g.sy *= 1 + dir * scale_step;
-              oy += (before.scale_y - t.g.sy) * ccy;
+              oy += (before.scale_y - t.g.sy) * pivot * (copy.height - 1);
             }
             s.place(&t.g, &t.kx, &t.ky, t.flip, ox, oy);
           }
