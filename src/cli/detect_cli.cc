@@ -121,9 +121,8 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
     out << "{\"wm_id\": \"" << (ambiguous ? "" : r.wm_id) << "\", \"z\": " << z
         << ", \"frames\": " << r.frames << ", \"verdict\": \"" << verdict_name(r.verdict)
         << "\", \"transform\": " << transform;
-    if (geometry.searched) out << ", \"hypotheses\": " << geometry.hypotheses;
     if (geometry.searched) {
-      out << ", \"candidates\": [";
+      out << ", \"hypotheses\": " << geometry.hypotheses << ", \"candidates\": [";
       for (size_t i = 0; i < geometry.candidates.size(); ++i) {
         out << (i == 0 ? "" : ", ") << "{\"wm_id\": \"" << geometry.candidates[i].wm_id
             << "\", \"z\": " << format_z(geometry.candidates[i].z) << "}";

@@ -25,7 +25,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstring>
 
 #include "decode/resample.h"
 #include "decode/rm_decode.h"
