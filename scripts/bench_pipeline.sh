@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Pipeline benchmark: lumamark as the middle stage of
 #   cat clip | lumamark ... | cat > /dev/null
-# against the same pipeline with cat in the middle, measured in the same run.
+# against the same pipeline with cat in the middle, measured in the same run;
+# the CPU time of lumamark from a file to /dev/null; the detector's time per
+# frame.
 #
 # Usage: scripts/bench_pipeline.sh [--build DIR] [--lumamark PATH] [--dir DIR]
 #                                  [--reps N] [--frames-1080 N] [--frames-2160 N]
@@ -11,11 +13,19 @@
 # --dir between runs), then times every setting --reps times, interleaved
 # with the cat baseline, and prints medians:
 #   fps and MB/s of the pipeline, its wall time as a ratio to the cat
-#   pipeline, CPU milliseconds per frame of the lumamark process (user +
-#   system) and its peak resident set size.
+#   pipeline (whose own fps and MB/s are the first row), user and system
+#   milliseconds per frame of the lumamark process and its peak resident set
+#   size.
 # Settings: perceptual modes 0 to 3, deep-fake, FEC 0 and 2, each with
-# --threads 1 and --threads 0. --lumamark times another binary (an older
-# build, say) with the same clips and a baseline of its own.
+# --threads 1 and --threads 0. Then, with --threads 1 from the clip file to
+# /dev/null (no pipe), user and system milliseconds per frame: the CPU cost
+# of marking with the least I/O. Last, lumamark-detect on the marked 1080p
+# clip with --threads 1: user milliseconds per frame. --lumamark times
+# another binary (an older build, say) with the same clips and a baseline of
+# its own.
+#
+# On a machine shared with other work, wall times (and so the ratios) are
+# noisy: compare user and system times, and ratios from the same run only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -43,6 +53,7 @@ done
 ensure_packages /usr/bin/time:time
 lumamark=${lumamark:-$build/lumamark}
 sample=$build/lumamark-sample
+detect=$build/lumamark-detect
 if [ ! -x "$lumamark" ] || [ ! -x "$sample" ]; then
   echo "build lumamark and lumamark-sample first (ninja -C $build lumamark lumamark-sample)" >&2
   exit 1
@@ -72,6 +83,13 @@ run_once() {  # clip middle-command...
   cat "$in" | /usr/bin/time -o "$work/time" -f "%U %S %M" "$@" | cat > /dev/null
   t1=$(now)
   echo "$(awk -v a="$t0" -v b="$t1" 'BEGIN {printf "%.6f", b - a}') $(cat "$work/time")"
+}
+
+# One timed run from a file to /dev/null; prints "user sys maxrss_kb".
+run_file() {  # clip command...
+  local in=$1; shift
+  /usr/bin/time -o "$work/time" -f "%U %S %M" "$@" < "$in" > /dev/null
+  cat "$work/time"
 }
 
 median() { sort -g | awk '{v[NR] = $1} END {print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2}'; }
@@ -117,17 +135,54 @@ bench_size() {  # width height frames
   local base_wall
   base_wall=$(cut -d' ' -f1 "$work/res_0" | median)
   printf '\n%dx%d yuv420p, %d frames (%.0f MB), %d runs each, medians\n' "$w" "$h" "$frames" "$mb" "$reps"
-  printf '%-34s %8s %8s %9s %8s %10s %8s\n' setting wall_s fps MB/s ratio cpu_ms/fr rss_MB
+  printf 'pipeline cat clip | X | cat > /dev/null (first row: X = cat, the baseline)\n'
+  printf '%-34s %8s %8s %9s %8s %9s %9s %8s\n' setting wall_s fps MB/s ratio user_ms sys_ms rss_MB
   for i in "${!cmds[@]}"; do
-    local wall user sys rss cpu
+    local wall user sys rss
     wall=$(cut -d' ' -f1 "$work/res_$i" | median)
-    cpu=$(awk '{print $2 + $3}' "$work/res_$i" | median)
+    user=$(cut -d' ' -f2 "$work/res_$i" | median)
+    sys=$(cut -d' ' -f3 "$work/res_$i" | median)
     rss=$(cut -d' ' -f4 "$work/res_$i" | sort -g | tail -1)
-    printf '%-34s %8.3f %8.1f %9.1f %8.2f %10.2f %8.1f\n' "${names[$i]}" "$wall" \
+    printf '%-34s %8.3f %8.1f %9.1f %8.2f %9.2f %9.2f %8.1f\n' "${names[$i]}" "$wall" \
       "$(calc "$frames / $wall")" "$(calc "$mb / $wall")" "$(calc "$wall / $base_wall")" \
-      "$(calc "$cpu * 1000 / $frames")" "$(calc "$rss / 1024")"
+      "$(calc "$user * 1000 / $frames")" "$(calc "$sys * 1000 / $frames")" "$(calc "$rss / 1024")"
     rm -f "$work/res_$i"
   done
+
+  # CPU from the file to /dev/null, one worker.
+  printf '\nfrom the clip file to /dev/null, --threads 1 (per frame)\n'
+  printf '%-34s %9s %9s %8s\n' setting user_ms sys_ms rss_MB
+  local fnames=() fcmds=()
+  for s in "${settings[@]}"; do
+    fnames+=("${s%%|*}")
+    fcmds+=("$lumamark --width $w --height $h --threads 1 ${s#*|}")
+  done
+  for ((r = 0; r < reps; r++)); do
+    for i in "${!fcmds[@]}"; do
+      # shellcheck disable=SC2086
+      run_file "$in" ${fcmds[$i]} >> "$work/file_$i"
+    done
+  done
+  for i in "${!fcmds[@]}"; do
+    local user sys rss
+    user=$(cut -d' ' -f1 "$work/file_$i" | median)
+    sys=$(cut -d' ' -f2 "$work/file_$i" | median)
+    rss=$(cut -d' ' -f3 "$work/file_$i" | sort -g | tail -1)
+    printf '%-34s %9.2f %9.2f %8.1f\n' "${fnames[$i]}" "$(calc "$user * 1000 / $frames")" \
+      "$(calc "$sys * 1000 / $frames")" "$(calc "$rss / 1024")"
+    rm -f "$work/file_$i"
+  done
+
+  # The detector on the marked clip (aligned read), one worker.
+  if [ -x "$detect" ]; then
+    "$lumamark" --width "$w" --height "$h" --wm-id 1A2B --input-file "$in" --output-file "$work/marked.yuv"
+    for ((r = 0; r < reps; r++)); do
+      run_file "$work/marked.yuv" "$detect" --width "$w" --height "$h" --threads 1 >> "$work/detect"
+    done
+    printf '\nlumamark-detect --threads 1 on the marked clip: %.2f user ms per frame\n' \
+      "$(calc "$(cut -d' ' -f1 "$work/detect" | median) * 1000 / $frames")"
+    rm -f "$work/detect" "$work/marked.yuv"
+  fi
 }
 
 echo "lumamark pipeline benchmark: $(nproc) processors, $("$lumamark" --version 2>&1 | head -1)"
@@ -135,4 +190,4 @@ bench_size 1920 1080 "$frames_1080"
 bench_size 3840 2160 "$frames_2160"
 echo
 echo "ratio = pipeline wall time / wall time of cat clip | cat | cat > /dev/null (same run)"
-echo "cpu_ms/fr and rss_MB are those of the middle stage (user + system time, peak RSS)"
+echo "user_ms, sys_ms and rss_MB are those of the middle stage (per frame; peak RSS)"

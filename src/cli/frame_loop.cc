@@ -13,6 +13,7 @@
 #include <iostream>
 
 #include "cli/progress.h"
+#include "cli/splice_io.h"
 #include "kernels/intmath.h"
 
 namespace lumamark {
@@ -99,10 +100,10 @@ class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
                    int64_t frame_size, int in_fd, int out_fd, int32_t width, int32_t height,
-                   int32_t seed, size_t prefill)
+                   int32_t seed, size_t prefill, ChromaPipe* chroma)
       : filter_(filter), slots_(slots), slot_count_(slot_count), frame_(static_cast<size_t>(frame_size)),
         frame_size_(frame_size), in_fd_(in_fd), out_fd_(out_fd), width_(width), height_(height),
-        seed_(seed), prefill_(prefill) {}
+        seed_(seed), prefill_(prefill), chroma_(chroma) {}
 
   OverlappedFrames(const OverlappedFrames&) = delete;
   OverlappedFrames& operator=(const OverlappedFrames&) = delete;
@@ -223,9 +224,28 @@ class OverlappedFrames {
       if (stop) break;
       uint8_t* buffer = slot(k);
       // The start of the first frame may already be in its buffer.
-      size_t fill = k == 0 ? prefill_ : 0;
+      size_t fill = k == 0 ? prefill_ : 0;  // bytes of the frame had so far, in order
+      size_t piped = 0;   // of which chroma bytes in the slot's pipe
+      bool piping = chroma_ != nullptr;
       while (fill < frame_) {
-        const ssize_t got = cancellable_read(buffer + fill, frame_ - fill);
+        if (piping && fill >= chroma_->luma) {
+          const int64_t moved = chroma_pipe_fill(chroma_, static_cast<int32_t>(k % slot_count_), in_fd_,
+                                                  frame_ - fill);
+          if (moved > 0) {
+            fill += static_cast<size_t>(moved);
+            piped += static_cast<size_t>(moved);
+            continue;
+          }
+          // The slot's pipe is full: the rest goes through the buffer.
+          if (moved < 0 && errno == EAGAIN) {
+            piping = false;
+            continue;
+          }
+          break;  // end of input or a read error, as below
+        }
+        // With chroma piped, the luma plane is read on its own.
+        const size_t want = (piping ? chroma_->luma : frame_) - fill;
+        const ssize_t got = cancellable_read(buffer + fill, want);
         if (got < 0 && errno == EINTR) continue;
         // End of input and a read error both end the stream; a partial
         // frame is dropped.
@@ -234,6 +254,7 @@ class OverlappedFrames {
       }
       lock();
       if (fill == frame_) {
+        piped_[k % slot_count_] = piped;
         read_ = k + 1;
       } else {
         input_ended_ = true;
@@ -247,22 +268,39 @@ class OverlappedFrames {
     unlock();
   }
 
-  // Writes one whole frame; what the output does not take is lost, as in
-  // the plain loop.
-  void write_frame(const uint8_t* buffer) {
-    size_t done = 0;
-    while (done < frame_) {
-      const ssize_t put = write(out_fd_, buffer + done, frame_ - done);
+  // Writes buffer[from, to); false when the output does not take it all.
+  bool write_bytes(const uint8_t* buffer, size_t from, size_t to) {
+    size_t done = from;
+    while (done < to) {
+      const ssize_t put = write(out_fd_, buffer + done, to - done);
       if (put < 0 && errno == EINTR) continue;
-      if (put <= 0) return;
+      if (put <= 0) return false;
       done += static_cast<size_t>(put);
     }
+    return true;
+  }
+
+  // Writes one whole frame, whose first piped chroma bytes wait in the
+  // pipe of its slot; what the output does not take is lost, as in the plain loop
+  // (piped bytes are then dropped from the pipe all the same).
+  void write_frame(const uint8_t* buffer, int32_t slot, size_t piped) {
+    if (piped == 0) {
+      write_bytes(buffer, 0, frame_);
+      return;
+    }
+    const size_t luma = chroma_->luma;
+    if (!write_bytes(buffer, 0, luma)) {
+      chroma_pipe_drain_to(chroma_, slot, -1, piped);
+      return;
+    }
+    if (!chroma_pipe_drain_to(chroma_, slot, out_fd_, piped)) return;
+    write_bytes(buffer, luma + piped, frame_);
   }
 
   void write_frames() {
     for (int64_t k = 0;; ++k) {
       if (!wait_past(marked_, k, stop_)) return;
-      write_frame(slot(k));
+      write_frame(slot(k), static_cast<int32_t>(k % slot_count_), piped_[k % slot_count_]);
       progress_->frame_done(frame_size_);
       lock();
       written_ = k + 1;
@@ -281,7 +319,11 @@ class OverlappedFrames {
   int32_t width_;
   int32_t height_;
   int32_t seed_;
-  size_t prefill_;
+  size_t prefill_;      // bytes of the first frame already in slot 0
+  ChromaPipe* chroma_;  // chroma moved from pipe to pipe, or null
+  // Per slot: chroma bytes of its frame in its pipe (set by the
+  // reader before the frame counts as read).
+  size_t piped_[kSlots] = {};
   Progress* progress_ = nullptr;
   pthread_t reader_{};
   pthread_t writer_{};
@@ -326,11 +368,14 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
     if (extra == nullptr) break;
     slots[slot_count++] = extra;
   }
+  // Between two pipes the chroma does not pass through the frame buffers.
+  ChromaPipe chroma;
+  const bool piped = chroma_pipe_open(&chroma, slot_count, in_fd, out_fd, frame_size, width, height);
   LoopEnd end;
   {
     Progress progress;
     OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height, seed,
-                            prefill);
+                            prefill, piped ? &chroma : nullptr);
     if (frames.start()) {
       end = frames.run(&progress);
     } else {
@@ -338,6 +383,7 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
       end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill);
     }
   }
+  chroma_pipe_close(&chroma);
   for (int32_t i = 2; i < slot_count; ++i) std::free(slots[i]);
   return end;
 }

@@ -14,6 +14,7 @@
 #include <cstddef>
 
 #include "common/parallel.h"
+#include "kernels/dispatch.h"
 #include "kernels/measure.h"
 
 namespace lumamark {
@@ -35,9 +36,9 @@ void measure_rows(void* arg) {
   const SoftGrid& g = *w->grid;
   const ptrdiff_t row_pixels = static_cast<ptrdiff_t>(w->stride) * g.sp_size;
   const int32_t rows = w->end_row - w->first_row;
-  signal_measure_grid(w->luma + row_pixels * w->first_row, g.cols, rows,
-                      w->out + static_cast<ptrdiff_t>(w->first_row) * g.cols, w->stride, g.sp_size,
-                      g.sp_size, g.sp_border, g.sp_border);
+  kernels().measure_grid(w->luma + row_pixels * w->first_row, g.cols, rows,
+                         w->out + static_cast<ptrdiff_t>(w->first_row) * g.cols, w->stride,
+                         g.sp_size, g.sp_size, g.sp_border, g.sp_border);
 }
 
 }  // namespace

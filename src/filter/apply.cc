@@ -6,6 +6,8 @@
 // the cell rows and a share of the map rows. Neither depends on the other,
 // and neither has any effect outside its own buffer, so doing them together
 // before the seed is known gives the same frame as doing them in turn.
+// With a single worker the map is instead computed a stretch of rows ahead
+// of the embedding, and read back while still in the cache.
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -142,7 +144,12 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
       seed_pending = values == nullptr;
     }
   }
-  if (texture || values != nullptr) scan_frame(f, luma, stride, texture, grid, values);
+  // With one worker the map is computed a stretch at a time as the
+  // embedding reaches it (see TextureOnDemand); the cell sums come first.
+  const bool on_demand = texture && texture_worker_count(f->threads) == 1 &&
+                         embed_worker_count(f->threads) == 1;
+  const bool scan_texture = texture && !on_demand;
+  if (scan_texture || values != nullptr) scan_frame(f, luma, stride, scan_texture, grid, values);
 
   int32_t s = seed & 31;
   if (seed < 0) {
@@ -171,9 +178,14 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
   const FrameGeometry geometry{f->width,   f->height,  stride,     f->sp_size,
                               f->sp_size, f->sp_border, f->sp_border};
   const EmbedSettings settings{f->p_density, f->strength, f->deep_fake, s, f->pm_mode, f->threads};
+  uint8_t* needed = on_demand ? texture_rows_needed(f) : nullptr;
+  TextureOnDemand lazy{TextureRows{luma, f->texture_map, nullptr, 0, f->width, f->height, stride,
+                                   kTextureRadius, 0, 0, needed},
+                       0};
   embed_frame(luma, &geometry, &settings, f->map, selection, texture ? f->texture_map : nullptr,
-              log);
+              log, on_demand ? &lazy : nullptr);
 
+  std::free(needed);
   std::free(selection);
   embed_log_finish(log);
   return 0;

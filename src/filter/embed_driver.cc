@@ -42,7 +42,22 @@ int64_t magnitude(int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : v; }
 
 void embed_worker_entry(void* arg) { embed_worker(static_cast<EmbedTask*>(arg)); }
 
+// Map rows per stretch at least: the box window's rows are summed afresh at
+// the start of every stretch.
+constexpr int32_t kTextureStretchRows = 96;
+
 }  // namespace
+
+void texture_until(TextureOnDemand* t, int32_t limit) {
+  const int32_t h = t->rows.height;
+  if (limit > h) limit = h;
+  if (t->done >= limit) return;
+  const int64_t longer = int64_t{t->done} + kTextureStretchRows;
+  t->rows.first_row = t->done;
+  t->rows.end_row = static_cast<int32_t>(longer > h ? h : (longer > limit ? longer : limit));
+  kernels().texture_rows(&t->rows);
+  t->done = t->rows.end_row;
+}
 
 namespace {
 
@@ -122,6 +137,11 @@ bool embed_runs(EmbedTask* t) {
       item = t->patterns[first_of[k] + level_of[map[k]]];
       item.value = wrap_sub(map[k], t->strength);
     }
+    if (t->texture_on_demand != nullptr) {
+      // Every map row that reads a luma row of this superpixel row.
+      const int64_t limit = int64_t{sy} * g.sp_h + g.sp_h + t->texture_on_demand->rows.radius;
+      texture_until(t->texture_on_demand, static_cast<int32_t>(limit < INT32_MAX ? limit : INT32_MAX));
+    }
     const EmbedBand band{t->luma, t->geometry, sy * g.sp_h, sx0 * g.sp_w, count, items,
                          t->texture, t->pm_mode, scratch, t->prepared};
     embed(&band);
@@ -137,6 +157,7 @@ bool embed_runs(EmbedTask* t) {
 
 void embed_worker(EmbedTask* t) {
   if (t->deep_fake == 0 && t->log == nullptr && t->patterns != nullptr && embed_runs(t)) return;
+  if (t->texture_on_demand != nullptr) texture_until(t->texture_on_demand, INT32_MAX);
 
   const KernelTable& k = kernels();
   const FrameGeometry* g = t->geometry;
@@ -205,7 +226,7 @@ void embed_worker(EmbedTask* t) {
 
 void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettings* settings,
                  const uint8_t* map, const uint8_t* selection, const uint8_t* texture,
-                 EmbedLog* log) {
+                 EmbedLog* log, TextureOnDemand* texture_on_demand) {
   const int32_t width = geometry->width;
   const int32_t stride = geometry->stride;
   const int32_t sp_w = geometry->sp_w;
@@ -250,8 +271,8 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
   if (deep_fake != 0 && measure_in_place == 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
     if (measures != nullptr) {
-      signal_measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
-                          geometry->border_h);
+      kernels().measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
+                             geometry->border_h);
     }
   }
 
@@ -279,6 +300,11 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
   }
 
   const int32_t n = embed_worker_count(settings->threads);
+  if (texture_on_demand != nullptr && n != 1) {
+    // Several workers embed rows far apart: the whole map comes first.
+    texture_until(texture_on_demand, INT32_MAX);
+    texture_on_demand = nullptr;
+  }
   if (n < 1) {
     std::free(prepared);
     std::free(patterns);
@@ -302,7 +328,7 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
     *t = EmbedTask{luma,     geometry, strength,         deep_fake, pm_mode, map,   selection,
                    cols,     rows,     texture,          measures,  measure_in_place,
                    bank,     &layout,  first,            end,       log,     records, patterns,
-                   prepared};
+                   prepared, texture_on_demand};
   });
 
   if (records != nullptr) {

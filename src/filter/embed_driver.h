@@ -8,6 +8,7 @@
 #include "kernels/embed_band.h"
 #include "kernels/geometry.h"
 #include "kernels/pattern.h"
+#include "kernels/texture.h"
 
 namespace lumamark {
 
@@ -29,6 +30,21 @@ struct EmbedSettings {
   int32_t pm_mode;    // perceptual mode
   int32_t threads;    // worker threads setting (see embed_worker_count)
 };
+
+// The texture map computed a stretch of rows at a time, each stretch just
+// before the superpixel rows that read it are embedded, so that the map is
+// read back while it is still in the cache. The map is a function of the
+// untouched frame, and a map row reads luma rows up to the box radius away:
+// the rows of a superpixel row are computed before the embedding of that row
+// and the one or more rows above it changes anything the map reads. Used with
+// one embedding worker only.
+struct TextureOnDemand {
+  TextureRows rows;  // the whole map's record; first_row and end_row are set per stretch
+  int32_t done;      // map rows [0, done) are computed
+};
+
+// Computes the map rows from done up to at least limit (at most the height).
+void texture_until(TextureOnDemand* t, int32_t limit);
 
 // One worker's share of a frame: superpixels [first, end) in row-major order.
 struct EmbedTask {
@@ -53,6 +69,8 @@ struct EmbedTask {
   EmbedRecord* records;           // per-superpixel log records, or null to log directly
   const EmbedItem* patterns;      // nonzero and row_mask of every bank pattern, in bank order, or null
   const uint8_t* prepared;        // the run kernel's preparation of those patterns, or null
+  TextureOnDemand* texture_on_demand;  // computes the texture map as it is needed, or null
+                                       // (the map is then complete)
 };
 
 // Position class 0..3 of superpixel (sx, sy) in a cols x rows grid.
@@ -60,10 +78,11 @@ int32_t position_class(int32_t sx, int32_t sy, int32_t cols, int32_t rows);
 
 // Embeds the selected superpixels of one frame (map and selection hold one
 // byte per superpixel of the geometry's grid), split over the workers; with a
-// log, writes its entries in superpixel order.
+// log, writes its entries in superpixel order. With texture_on_demand, the
+// texture map (texture) is filled as the embedding reaches its rows.
 void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettings* settings,
                  const uint8_t* map, const uint8_t* selection, const uint8_t* texture,
-                 EmbedLog* log);
+                 EmbedLog* log, TextureOnDemand* texture_on_demand = nullptr);
 
 // Embeds the superpixels of one worker's range.
 void embed_worker(EmbedTask* task);

@@ -23,6 +23,7 @@ using EmbedBandFn = EmbedBandKernel*;              // a run of superpixels (embe
 using EmbedPrepareFn = EmbedPrepareKernel*;        // per-pattern preparation (embed_band.h)
 using EmbedSuperpixelFn = EmbedSuperpixelKernel*;  // one superpixel (embed.h)
 using SignalMeasureFn = SignalMeasureKernel*;      // signal of one superpixel (measure.h)
+using SignalMeasureGridFn = SignalMeasureGridKernel*;  // signals of a whole grid (measure.h)
 
 struct KernelTable {
   const char* name;                    // "plain" or "avx2"
@@ -32,6 +33,7 @@ struct KernelTable {
   EmbedPrepareFn embed_prepare;        // per-pattern preparation for embed_band
   EmbedSuperpixelFn embed_superpixel;  // embedding of one superpixel
   SignalMeasureFn signal_measure;      // signal of one superpixel
+  SignalMeasureGridFn measure_grid;    // signals of every superpixel of a grid
 };
 
 enum class KernelSet {

@@ -17,7 +17,9 @@ SignalMeasureKernel signal_measure;
 
 // out[r * cols + c] = signal_measure of superpixel (c, r). Nothing is done when
 // cols or rows is below 1.
-void signal_measure_grid(const uint8_t* luma, int32_t cols, int32_t rows, int32_t* out,
-                         int32_t stride, int32_t sp_w, int32_t sp_h, int32_t spb_w, int32_t spb_h);
+using SignalMeasureGridKernel = void(const uint8_t* luma, int32_t cols, int32_t rows, int32_t* out,
+                                     int32_t stride, int32_t sp_w, int32_t sp_h, int32_t spb_w,
+                                     int32_t spb_h);
+SignalMeasureGridKernel signal_measure_grid;
 
 }  // namespace lumamark

@@ -5,6 +5,7 @@
 #include <immintrin.h>
 
 #include <cstddef>
+#include <cstdlib>
 
 #include "kernels/divide.h"
 #include "kernels/intmath.h"
@@ -19,6 +20,43 @@ namespace {
 // (n + half) / d in every lane.
 inline __m256i divide(__m256i n, __m256i half, __m256i mul, __m128i shift) {
   return _mm256_srl_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(n, half), mul), shift);
+}
+
+// Rounded division by one divisor n in every lane (small_divisor16).
+struct LaneDivisor {
+  __m256i mul;
+  __m128i shift;
+  __m256i half;  // n / 2, for rounding half up
+
+  explicit LaneDivisor(uint32_t n) {
+    const SmallDivisor16 d = small_divisor16(n);
+    mul = _mm256_set1_epi16(static_cast<int16_t>(d.mul));
+    shift = _mm_cvtsi32_si128(d.shift);
+    half = _mm256_set1_epi16(static_cast<int16_t>(n / 2));
+  }
+};
+
+// Per lane: the interpolation (lo x w_lo + hi x w_hi) / n, rounded half up;
+// the weighted sum stays below 256 n.
+inline __m256i interpolate(__m256i lo, __m256i w_lo, __m256i hi, __m256i w_hi, const LaneDivisor& n) {
+  return divide(_mm256_add_epi16(_mm256_mullo_epi16(lo, w_lo), _mm256_mullo_epi16(hi, w_hi)), n.half,
+                n.mul, n.shift);
+}
+
+// The residual of pixel p against its closest prediction, as the plain
+// kernel chooses it: dh < min(dv, dm) takes the horizontal one h, else
+// dm <= dv the mean m of both, else the vertical one v.
+inline __m256i closest_residual(__m256i p, __m256i h, __m256i v) {
+  const __m256i m = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(h, v), _mm256_set1_epi16(1)), 1);
+  const __m256i rh = _mm256_sub_epi16(p, h);
+  const __m256i rv = _mm256_sub_epi16(p, v);
+  const __m256i rm = _mm256_sub_epi16(p, m);
+  const __m256i ah = _mm256_abs_epi16(rh);
+  const __m256i av = _mm256_abs_epi16(rv);
+  const __m256i am = _mm256_abs_epi16(rm);
+  const __m256i take_h = _mm256_cmpgt_epi16(_mm256_min_epi16(av, am), ah);
+  const __m256i take_v = _mm256_cmpgt_epi16(am, av);
+  return _mm256_blendv_epi8(_mm256_blendv_epi8(rm, rv, take_v), rh, take_h);
 }
 
 // Byte shuffles that move a row left by 0..15 bytes, zeros coming in.
@@ -73,14 +111,8 @@ int32_t signal_measure_avx2(const uint8_t* luma, const FrameGeometry* geometry, 
   const __m256i valid = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(iw + 1)), j);
   const __m256i w_right = j;
   const __m256i w_left = _mm256_sub_epi16(_mm256_set1_epi16(static_cast<int16_t>(nW)), j);
-  const SmallDivisor16 dw = small_divisor16(nW);
-  const SmallDivisor16 dh = small_divisor16(nH);
-  const __m256i w_mul = _mm256_set1_epi16(static_cast<int16_t>(dw.mul));
-  const __m128i w_shift = _mm_cvtsi32_si128(dw.shift);
-  const __m256i w_half = _mm256_set1_epi16(static_cast<int16_t>(nW / 2));
-  const __m256i h_mul = _mm256_set1_epi16(static_cast<int16_t>(dh.mul));
-  const __m128i h_shift = _mm_cvtsi32_si128(dh.shift);
-  const __m256i h_half = _mm256_set1_epi16(static_cast<int16_t>(nH / 2));
+  const LaneDivisor by_w(nW);
+  const LaneDivisor by_h(nH);
   const __m256i one = _mm256_set1_epi16(1);
 
   __m256i sum = _mm256_setzero_si256();
@@ -89,24 +121,11 @@ int32_t signal_measure_avx2(const uint8_t* luma, const FrameGeometry* geometry, 
     const __m256i p = widened_from(load_row16(row, sp_w), shift);
     const __m256i left = _mm256_set1_epi16(row[bw - 1]);
     const __m256i right = _mm256_set1_epi16(row[sp_w - bw]);
-    const __m256i h = divide(_mm256_add_epi16(_mm256_mullo_epi16(left, w_left), _mm256_mullo_epi16(right, w_right)),
-                             w_half, w_mul, w_shift);
+    const __m256i h = interpolate(left, w_left, right, w_right, by_w);
     const __m256i wi = _mm256_set1_epi16(static_cast<int16_t>(i));
     const __m256i wt = _mm256_set1_epi16(static_cast<int16_t>(nH - i));
-    const __m256i v = divide(_mm256_add_epi16(_mm256_mullo_epi16(top, wt), _mm256_mullo_epi16(bottom, wi)),
-                             h_half, h_mul, h_shift);
-    const __m256i m = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(h, v), one), 1);
-    const __m256i rh = _mm256_sub_epi16(p, h);
-    const __m256i rv = _mm256_sub_epi16(p, v);
-    const __m256i rm = _mm256_sub_epi16(p, m);
-    const __m256i ah = _mm256_abs_epi16(rh);
-    const __m256i av = _mm256_abs_epi16(rv);
-    const __m256i am = _mm256_abs_epi16(rm);
-    // dh < min(dv, dm): horizontal; else dm <= dv: mean; else vertical.
-    const __m256i take_h = _mm256_cmpgt_epi16(_mm256_min_epi16(av, am), ah);
-    const __m256i take_v = _mm256_cmpgt_epi16(am, av);
-    const __m256i r = _mm256_blendv_epi8(_mm256_blendv_epi8(rm, rv, take_v), rh, take_h);
-    sum = _mm256_add_epi16(sum, _mm256_and_si256(r, valid));
+    const __m256i v = interpolate(top, wt, bottom, wi, by_h);
+    sum = _mm256_add_epi16(sum, _mm256_and_si256(closest_residual(p, h, v), valid));
   }
   // Each lane holds at most 62 residuals of at most 255: no 16-bit overflow.
   __m256i wide = _mm256_madd_epi16(sum, one);
@@ -114,6 +133,112 @@ int32_t signal_measure_avx2(const uint8_t* luma, const FrameGeometry* geometry, 
   s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
   s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
   return _mm_cvtsi128_si32(s4);
+}
+
+}  // namespace lumamark
+
+namespace lumamark {
+
+// The measures of a grid, one superpixel row at a time: every inner row of
+// the band is worked on across the whole band, sixteen columns per step,
+// each column in its own 16-bit lane. Per column the lane knows its
+// horizontal weights (zero, and masked out, for border columns); the left
+// and right border samples of each superpixel are spread over its columns
+// first. The residuals are summed per column down the band, then per
+// superpixel over its inner columns. Superpixels of more than 64 pixels a
+// side go to the plain kernel.
+void signal_measure_grid_avx2(const uint8_t* luma, int32_t cols, int32_t rows, int32_t* out,
+                              int32_t stride, int32_t sp_w, int32_t sp_h, int32_t spb_w,
+                              int32_t spb_h) {
+  if (rows < 1 || cols < 1) return;
+  const int32_t bw = border_or_default(spb_w, sp_w);
+  const int32_t bh = border_or_default(spb_h, sp_h);
+  if (sp_w > 64 || sp_h > 64 || int64_t{2} * bw >= sp_w || int64_t{2} * bh >= sp_h ||
+      int64_t{cols} * sp_w > stride) {
+    signal_measure_grid(luma, cols, rows, out, stride, sp_w, sp_h, spb_w, spb_h);
+    return;
+  }
+  const int32_t iw = sp_w - 2 * bw;
+  const int32_t ih = sp_h - 2 * bh;
+  const uint32_t nW = static_cast<uint32_t>(iw) + 1;
+  const uint32_t nH = static_cast<uint32_t>(ih) + 1;
+  const int32_t n = cols * sp_w;
+  const size_t lanes = static_cast<size_t>(n) + 64;
+  // Per column: left weight, right weight, inner mask; per row: left and
+  // right border samples; per band: residual sums.
+  int16_t* work = static_cast<int16_t*>(std::malloc(6 * lanes * sizeof(int16_t)));
+  if (work == nullptr) {
+    signal_measure_grid(luma, cols, rows, out, stride, sp_w, sp_h, spb_w, spb_h);
+    return;
+  }
+  int16_t* w_left = work;
+  int16_t* w_right = w_left + lanes;
+  int16_t* inner = w_right + lanes;
+  int16_t* left = inner + lanes;
+  int16_t* right = left + lanes;
+  int16_t* acc = right + lanes;
+  for (size_t x = 0; x < lanes; ++x) {
+    const int32_t j = static_cast<int32_t>(x % static_cast<size_t>(sp_w)) - (bw - 1);
+    const bool in = x < static_cast<size_t>(n) && j >= 1 && j <= iw;
+    w_left[x] = static_cast<int16_t>(in ? static_cast<int32_t>(nW) - j : 0);
+    w_right[x] = static_cast<int16_t>(in ? j : 0);
+    inner[x] = static_cast<int16_t>(in ? -1 : 0);
+    left[x] = right[x] = 0;  // lanes past the last superpixel stay defined
+  }
+
+  const LaneDivisor by_w(nW);
+  const LaneDivisor by_h(nH);
+  auto lanes_at = [](const int16_t* a, int32_t x) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a + x));
+  };
+  // Sixteen samples of a row from column x on, never reading past column n.
+  auto samples = [n](const uint8_t* row, int32_t x) {
+    const __m128i bytes = x + 16 <= n ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x))
+                                      : load_row16(row + x, n - x);
+    return _mm256_cvtepu8_epi16(bytes);
+  };
+
+  const ptrdiff_t pitch = stride;
+  for (int32_t r = 0; r < rows; ++r) {
+    const uint8_t* base = luma + static_cast<ptrdiff_t>(r) * sp_h * pitch;
+    const uint8_t* top = base + (bh - 1) * pitch;
+    const uint8_t* bottom = base + (sp_h - bh) * pitch;
+    for (int32_t x = 0; x < n; x += 16) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(acc + x), _mm256_setzero_si256());
+    }
+    for (int32_t i = 1; i <= ih; ++i) {
+      const uint8_t* row = base + (bh - 1 + i) * pitch;
+      for (int32_t c = 0; c < cols; ++c) {
+        const uint8_t* sp = row + static_cast<ptrdiff_t>(c) * sp_w;
+        const __m256i l = _mm256_set1_epi16(sp[bw - 1]);
+        const __m256i rt = _mm256_set1_epi16(sp[sp_w - bw]);
+        for (int32_t k = 0; k < sp_w; k += 16) {
+          _mm256_storeu_si256(reinterpret_cast<__m256i*>(left + c * sp_w + k), l);
+          _mm256_storeu_si256(reinterpret_cast<__m256i*>(right + c * sp_w + k), rt);
+        }
+      }
+      const __m256i wi = _mm256_set1_epi16(static_cast<int16_t>(i));
+      const __m256i wt = _mm256_set1_epi16(static_cast<int16_t>(nH - static_cast<uint32_t>(i)));
+      for (int32_t x = 0; x < n; x += 16) {
+        const __m256i p = samples(row, x);
+        const __m256i h =
+            interpolate(lanes_at(left, x), lanes_at(w_left, x), lanes_at(right, x), lanes_at(w_right, x), by_w);
+        const __m256i v = interpolate(samples(top, x), wt, samples(bottom, x), wi, by_h);
+        const __m256i res = closest_residual(p, h, v);
+        // At most 62 residuals of at most 255 per column: no 16-bit overflow.
+        const __m256i sum = _mm256_add_epi16(lanes_at(acc, x), _mm256_and_si256(res, lanes_at(inner, x)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(acc + x), sum);
+      }
+    }
+    int32_t* dst = out + static_cast<ptrdiff_t>(r) * cols;
+    for (int32_t c = 0; c < cols; ++c) {
+      const int16_t* a = acc + c * sp_w + bw;
+      int32_t s = 0;
+      for (int32_t j = 0; j < iw; ++j) s += a[j];
+      dst[c] = s;
+    }
+  }
+  std::free(work);
 }
 
 }  // namespace lumamark
