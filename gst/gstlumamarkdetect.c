@@ -84,7 +84,10 @@ static gboolean post_detection(GstLumamarkDetect* self) {
   }
   GstStructure* s = gst_structure_new("lumamark-detection", "wm-id", G_TYPE_STRING, d.wm_id, "z", G_TYPE_DOUBLE, d.z,
                                       "verdict", G_TYPE_STRING, verdict_name(d.verdict), "frames", G_TYPE_INT,
-                                      (gint)d.frames, NULL);
+                                      (gint)d.frames, "scale-x", G_TYPE_DOUBLE, d.transform.scale_x, "scale-y",
+                                      G_TYPE_DOUBLE, d.transform.scale_y, "offset-x", G_TYPE_DOUBLE,
+                                      d.transform.offset_x, "offset-y", G_TYPE_DOUBLE, d.transform.offset_y, "flip",
+                                      G_TYPE_BOOLEAN, (gboolean)(d.transform.flip != 0), NULL);
   GST_INFO_OBJECT(self, "%" GST_PTR_FORMAT, s);
   self->posted = self->added;
   gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), s));

@@ -28,7 +28,7 @@ ensure_build_deps() {
 
 # ffmpeg: the end-to-end pipeline tests and scripts/demo.sh feed it real video.
 ensure_video_deps() {
-  ensure_packages ffmpeg:ffmpeg
+  ensure_packages ffmpeg:ffmpeg /usr/bin/time:time
 }
 
 # lumamark-batch and its tests: Dask, pytest and tqdm for Debian's own

@@ -298,7 +298,9 @@ def verify_copy(job, copy, wm_id, path, frames=0):
         det = subprocess.run(det_cmd, stdin=dec.stdout, capture_output=True, text=True)
         dec.stdout.close()
         dec.wait()
-        if det.returncode not in (0, 2):
+        # 0 detected, 2 weak, none or ambiguous, 3 detected with another ID:
+        # each is a reading of the copy, reported through its verdict and match.
+        if det.returncode not in (0, 2, 3):
             return {"ok": False, "error": f"copy {copy!r}: lumamark-detect failed "
                                           f"(status {det.returncode}): {det.stderr.strip()} "
                                           f"{_tail(err)}"}

@@ -164,11 +164,21 @@ case "$case_name" in
     grep "lumamark-detection" det.log || fail "no lumamark-detection message: $(cat det.log)"
     [ "$(grep -c 'lumamark-detection, wm-id=(string)1a2b, z=(double)[0-9.e+]*, verdict=(string)detected' det.log)" -eq 3 ] ||
       fail "expected three detections of 1a2b"
-    for n in 12 24 30; do grep -q "frames=(int)$n;" det.log || fail "no message after $n frames"; done
+    for n in 12 24 30; do grep -q "frames=(int)$n," det.log || fail "no message after $n frames"; done
     # The wrong URN reads no mark.
     launch none -m filesrc location=decoded.yuv ! rawvideoparse width=640 height=360 format=i420 ! \
       lumamarkdetect interval=0 ! fakesink || fail "detection pipeline failed: $(cat none.log)"
-    grep -q 'verdict=(string)none, frames=(int)30;' none.log || fail "a mark was read with the wrong URN: $(grep lumamark-detection none.log)"
+    grep -q 'verdict=(string)none, frames=(int)30,' none.log || fail "a mark was read with the wrong URN: $(grep lumamark-detection none.log)"
+    # A 480x270 rung of the copy is read against the marked 640x360 through
+    # the geometric search, as lumamark-detect reads it.
+    ffmpeg -v error -i marked.mp4 -vf scale=480:270 -f rawvideo -pix_fmt yuv420p rung.yuv
+    result=$("$LUMAMARK_DETECT_BIN" --width 640 --height 360 --input-width 480 --input-height 270 --user-urn $urn \
+      --input-file rung.yuv --json) || fail "lumamark-detect on the rung: $result"
+    case "$result" in *'"wm_id": "1a2b"'*'"verdict": "detected"'*'"scale_x": 1.3333'*) ;; *) fail "rung: $result" ;; esac
+    launch rung -m filesrc location=rung.yuv ! rawvideoparse width=480 height=270 format=i420 ! \
+      lumamarkdetect user-urn=$urn width=640 height=360 interval=0 ! fakesink || fail "rung pipeline failed: $(cat rung.log)"
+    grep -q 'wm-id=(string)1a2b, z=(double)[0-9.e+]*, verdict=(string)detected, frames=(int)10, scale-x=(double)1.333' rung.log ||
+      fail "the element did not read the rung: $(grep lumamark-detection rung.log)"
     ;;
 
   bad-property)

@@ -150,19 +150,24 @@ LUMAMARK_API int lumamark_embedder_process(lumamark_embedder* e, uint8_t* luma, 
 /* Releases the embedder; NULL is allowed. */
 LUMAMARK_API void lumamark_embedder_close(lumamark_embedder* e);
 
-/* Opens a detector for the settings the copy was marked with, reading
- * frames of p->input_width x p->input_height (or the marked size). Frames are
- * read aligned with the marked frame for now: an input size other than the
- * marked size gives LUMAMARK_EGEOMETRY. Returns 0 and *out, or a negative
- * code and *out = NULL. */
+/* Opens a detector for the settings the copy was marked with (p->width x
+ * p->height is the marked size), reading frames of p->input_width x
+ * p->input_height (or the marked size). The copy is read as the command line
+ * reads it: a copy of the marked size aligned first, and when that names no
+ * ID (or the grid's other phases read another ID more clearly), and always
+ * for another size, through the geometric search of p->search over scale,
+ * offset and mirroring, run on the first 10 frames. Returns 0 and *out, or a
+ * negative code and *out = NULL. */
 LUMAMARK_API int lumamark_detector_open(const lumamark_params* p, lumamark_detector** out);
 
 /* Adds one luma plane of the copy (input size, rows stride bytes apart).
  * Returns 0 or a negative code. */
 LUMAMARK_API int lumamark_detector_add(lumamark_detector* d, const uint8_t* luma, ptrdiff_t stride);
 
-/* Decodes the frames added so far into *out. May be called again after more
- * frames. Returns 0 or a negative code. */
+/* Decodes the frames added so far into *out, with out->transform the geometry
+ * the mark was read at (the identity for an aligned read). A search runs on
+ * every call that needs one. May be called again after more frames. Returns
+ * 0 or a negative code. */
 LUMAMARK_API int lumamark_detector_result(lumamark_detector* d, lumamark_detection* out);
 
 /* Releases the detector; NULL is allowed. */

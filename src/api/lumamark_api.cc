@@ -1,15 +1,18 @@
 // The C library: settings by name, an embedder that prepares the filter
-// exactly as the command line does, and a detector over the aligned
-// detector. Nothing here prints: every check whose failure the lower layers
+// exactly as the command line does, and a detector that reads copies as the
+// command line does (the aligned read, then the geometric search). Nothing here prints: every check whose failure the lower layers
 // would report on a stream is made first, and the payload file is read by
 // the silent reader.
 #include <cstring>
 #include <limits>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "decode/copy_read.h"
 #include "decode/detector.h"
+#include "decode/resync.h"
 #include "filter/filter.h"
 #include "kernels/pattern.h"
 #include "lumamark/lumamark.h"
@@ -30,10 +33,9 @@ struct lumamark_embedder {
 
 struct lumamark_detector {
   lumamark::Detector detector;       // the aligned detector and its running sum
-  int32_t input_width = 0;           // size of the frames added
-  int32_t input_height = 0;
-  int32_t search = 0;                // geometric search asked for (0 none, 1 fast, 2 full)
-  lumamark_transform transform{};    // geometry the frames are read at
+  lumamark::CopyFrames copy;         // the first frames, packed, for the geometric search
+  int64_t added = 0;                 // frames added
+  lumamark::SearchMode search = lumamark::SearchMode::kFast;  // search asked for
 };
 
 namespace {
@@ -362,10 +364,6 @@ int lumamark_detector_open(const lumamark_params* p, lumamark_detector** out) {
   if (rc != LUMAMARK_OK) return rc;
   const int32_t in_w = p->input_width > 0 ? p->input_width : p->width;
   const int32_t in_h = p->input_height > 0 ? p->input_height : p->height;
-  // Frames are read aligned with the marked frame. A copy of another size
-  // needs the geometric search, which plugs in here: it fills transform and
-  // hands detector_add_frame the copy resampled onto the marked grid.
-  if (in_w != p->width || in_h != p->height) return LUMAMARK_EGEOMETRY;
   lumamark::DetectConfig c;
   c.width = p->width;
   c.height = p->height;
@@ -377,6 +375,9 @@ int lumamark_detector_open(const lumamark_params* p, lumamark_detector** out) {
   c.seed = p->seed;
   c.sp_density = p->sp_density;
   c.threads = p->threads;
+  constexpr lumamark::SearchMode kModes[] = {lumamark::SearchMode::kNone,
+                                             lumamark::SearchMode::kFast,
+                                             lumamark::SearchMode::kFull};
   try {
     c.user_urn = p->user_urn;
     lumamark_detector* d = new lumamark_detector;
@@ -385,10 +386,9 @@ int lumamark_detector_open(const lumamark_params* p, lumamark_detector** out) {
       delete d;
       return LUMAMARK_ESETTINGS;
     }
-    d->input_width = in_w;
-    d->input_height = in_h;
-    d->search = p->search;
-    d->transform = lumamark_transform{1.0, 1.0, 0.0, 0.0, 0};
+    d->copy.width = in_w;
+    d->copy.height = in_h;
+    d->search = kModes[p->search];
     *out = d;
     return LUMAMARK_OK;
   } catch (const std::bad_alloc&) {
@@ -397,12 +397,26 @@ int lumamark_detector_open(const lumamark_params* p, lumamark_detector** out) {
 }
 
 int lumamark_detector_add(lumamark_detector* d, const uint8_t* luma, ptrdiff_t stride) {
-  if (d == nullptr || luma == nullptr || stride < d->input_width ||
+  if (d == nullptr || luma == nullptr || stride < d->copy.width ||
       stride > std::numeric_limits<int32_t>::max()) {
     return LUMAMARK_EINVAL;
   }
+  const lumamark::DetectConfig& c = d->detector.config;
   try {
-    lumamark::detector_add_frame(&d->detector, luma, static_cast<int32_t>(stride));
+    // A copy of the marked size is read aligned, every frame; the first
+    // frames are kept for the search, as the command line keeps them.
+    if (d->copy.width == c.width && d->copy.height == c.height) {
+      lumamark::detector_add_frame(&d->detector, luma, static_cast<int32_t>(stride));
+    }
+    if (d->copy.luma.size() < static_cast<size_t>(lumamark::kSearchFrames)) {
+      const size_t w = static_cast<size_t>(d->copy.width), h = static_cast<size_t>(d->copy.height);
+      std::vector<uint8_t> packed(w * h);
+      for (size_t y = 0; y < h; ++y) {
+        std::memcpy(&packed[y * w], luma + static_cast<ptrdiff_t>(y) * stride, w);
+      }
+      d->copy.luma.push_back(std::move(packed));
+    }
+    ++d->added;
     return LUMAMARK_OK;
   } catch (const std::bad_alloc&) {
     return LUMAMARK_ENOMEM;
@@ -412,13 +426,21 @@ int lumamark_detector_add(lumamark_detector* d, const uint8_t* luma, ptrdiff_t s
 int lumamark_detector_result(lumamark_detector* d, lumamark_detection* out) {
   if (d == nullptr || out == nullptr) return LUMAMARK_EINVAL;
   std::memset(out, 0, sizeof *out);
-  out->transform = d->transform;
+  out->transform = lumamark_transform{1.0, 1.0, 0.0, 0.0, 0};
   out->verdict = LUMAMARK_VERDICT_NONE;
-  if (d->detector.scores.empty()) return LUMAMARK_OK;
+  if (d->added == 0) return LUMAMARK_OK;
   try {
-    const lumamark::DetectResult r = lumamark::detector_result(&d->detector);
+    lumamark::CopyRead read;
+    std::string error;
+    if (lumamark::read_copy(&d->detector, d->copy, d->search, std::string(), &read, &error) != 0) {
+      return LUMAMARK_ESETTINGS;
+    }
+    const lumamark::DetectResult& r = read.result;
     out->z = r.z;
     out->frames = r.frames;
+    out->transform = lumamark_transform{read.transform.scale_x, read.transform.scale_y,
+                                        read.transform.offset_x, read.transform.offset_y,
+                                        read.transform.flip ? 1 : 0};
     switch (r.verdict) {
       case lumamark::Verdict::kDetected:
         out->verdict = LUMAMARK_VERDICT_DETECTED;
@@ -426,11 +448,16 @@ int lumamark_detector_result(lumamark_detector* d, lumamark_detection* out) {
       case lumamark::Verdict::kWeak:
         out->verdict = LUMAMARK_VERDICT_WEAK;
         break;
+      case lumamark::Verdict::kAmbiguous:
+        out->verdict = LUMAMARK_VERDICT_AMBIGUOUS;
+        break;
       case lumamark::Verdict::kNone:
         out->verdict = LUMAMARK_VERDICT_NONE;
         break;
     }
-    if (out->verdict != LUMAMARK_VERDICT_NONE && r.wm_id.size() < sizeof out->wm_id) {
+    const bool named = out->verdict == LUMAMARK_VERDICT_DETECTED ||
+                       out->verdict == LUMAMARK_VERDICT_WEAK;
+    if (named && r.wm_id.size() < sizeof out->wm_id) {
       std::memcpy(out->wm_id, r.wm_id.c_str(), r.wm_id.size() + 1);
     }
     return LUMAMARK_OK;

@@ -15,6 +15,8 @@
 #include "cli/option_table.h"
 #include "cli/options.h"
 #include "cli/y4m_stream.h"
+#include "decode/copy_read.h"
+#include "decode/resync.h"
 #include "payload/wm_id.h"
 
 namespace lumamark {
@@ -36,8 +38,12 @@ void print_detect_usage(const char* program, std::ostream& out) {
       << "  --help                Show this help message\n"
       << "  --version             Show version information\n"
       << "  --input-file <path>   Input yuv file (default: standard input)\n"
-      << "  --width <int>         Input file width (default 1920)\n"
-      << "  --height <int>        Input file height (default 1080)\n"
+      << "  --width <int>         Width the video was marked at (default 1920)\n"
+      << "  --height <int>        Height the video was marked at (default 1080)\n"
+      << "  --input-width <int>   Width of the copy being read (default: --width)\n"
+      << "  --input-height <int>  Height of the copy being read (default: --height)\n"
+      << "  --search <str>        Geometric search when the aligned read finds no mark:\n"
+      << "                        none, fast or full (default: fast, then full if needed)\n"
       << "  --pix-fmt <str>       Pixel format: yuv420p (default), yuv422p or yuv444p\n"
       << "  --frames <int>        Number of frames to use (default: all)\n"
       << "  --sp-width <int>      Superpixel size used when embedding (default 7)\n"
@@ -58,19 +64,36 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
   DetectConfig& c = o->config;
   // --fec is judged by detector_init, with the other settings.
   std::vector<OptionRow> rows = shared_setting_rows(&c, nullptr);
+  std::string search;
+  bool search_given = false;
   for (const auto& [name, field] : {std::pair<std::string_view, std::string*>{"--input-file", &o->input_file},
                                     {"--pix-fmt", &o->pix_fmt},
-                                    {"--wm-id", &o->expect_id}}) {
+                                    {"--wm-id", &o->expect_id},
+                                    {"--search", &search}}) {
     rows.push_back(OptionRow{name, ArgKind::Text, nullptr, nullptr, nullptr, field});
   }
   set_given_flag(&rows, "--width", &o->width_given);
   set_given_flag(&rows, "--height", &o->height_given);
   set_given_flag(&rows, "--pix-fmt", &o->pix_fmt_given);
+  set_given_flag(&rows, "--search", &search_given);
+  rows.push_back(OptionRow{"--input-width", ArgKind::Int, &o->input_width_given, &o->input_width});
+  rows.push_back(OptionRow{"--input-height", ArgKind::Int, &o->input_height_given, &o->input_height});
   rows.push_back(OptionRow{"--frames", ArgKind::Count, nullptr, nullptr, &o->max_frames});
   rows.push_back(OptionRow{"--json", ArgKind::Flag, &o->json});
   const ParseRules rules{kVersion, "lumamark-detect", print_detect_usage, true, true};
   switch (parse_option_table(argc, argv, rows.data(), rows.size(), rules, err)) {
     case ParseResult::Run:
+      if (!search_given) {
+      } else if (search == "none") {
+        o->search = SearchMode::kNone;
+      } else if (search == "fast") {
+        o->search = SearchMode::kFast;
+      } else if (search == "full") {
+        o->search = SearchMode::kFull;
+      } else {
+        err << "Error: --search expects none, fast or full, got '" << search << "'\n";
+        return DetectParse::kError;
+      }
       return DetectParse::kRun;
     case ParseResult::HelpShown:
       return DetectParse::kHelp;
@@ -83,12 +106,29 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
 }
 
 std::string format_detect_report(const DetectResult& r, const ExpectedCheck* expected,
-                                 const std::string& expected_id, bool json) {
+                                 const std::string& expected_id, bool json,
+                                 const GeometryReport& geometry) {
   std::ostringstream out;
   const std::string z = format_z(r.z);
+  const GeoTransform& t = geometry.transform;
+  char transform[256];
+  std::snprintf(transform, sizeof transform,
+                "{\"scale_x\": %.4f, \"scale_y\": %.4f, \"offset_x\": %.2f, \"offset_y\": %.2f, "
+                "\"flip\": %s}",
+                t.scale_x, t.scale_y, t.offset_x, t.offset_y, t.flip ? "true" : "false");
+  const bool ambiguous = r.verdict == Verdict::kAmbiguous;
   if (json) {
-    out << "{\"wm_id\": \"" << r.wm_id << "\", \"z\": " << z << ", \"frames\": " << r.frames
-        << ", \"verdict\": \"" << verdict_name(r.verdict) << "\"";
+    out << "{\"wm_id\": \"" << (ambiguous ? "" : r.wm_id) << "\", \"z\": " << z
+        << ", \"frames\": " << r.frames << ", \"verdict\": \"" << verdict_name(r.verdict)
+        << "\", \"transform\": " << transform;
+    if (geometry.searched) {
+      out << ", \"hypotheses\": " << geometry.hypotheses << ", \"candidates\": [";
+      for (size_t i = 0; i < geometry.candidates.size(); ++i) {
+        out << (i == 0 ? "" : ", ") << "{\"wm_id\": \"" << geometry.candidates[i].wm_id
+            << "\", \"z\": " << format_z(geometry.candidates[i].z) << "}";
+      }
+      out << "]";
+    }
     if (expected != nullptr) {
       char ber[32];
       std::snprintf(ber, sizeof ber, "%.4f", expected->ber);
@@ -111,6 +151,23 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
       out << "No watermark detected (z " << z << " from " << frames << "); the best guess, ID "
           << r.wm_id << ", is not reliable.\n";
       break;
+    case Verdict::kAmbiguous:
+      out << "Ambiguous watermark: several IDs fit about equally well, none is named (z " << z
+          << " from " << frames << "). Candidates:";
+      for (size_t i = 0; i < geometry.candidates.size(); ++i) {
+        out << (i == 0 ? " " : ", ") << geometry.candidates[i].wm_id << " (z "
+            << format_z(geometry.candidates[i].z) << ")";
+      }
+      out << ".\n";
+      break;
+  }
+  if (geometry.searched) {
+    char line[256];
+    std::snprintf(line, sizeof line,
+                  "Geometry: scale %.4f x %.4f, offset %.2f, %.2f%s (%lld hypotheses tried).\n",
+                  t.scale_x, t.scale_y, t.offset_x, t.offset_y, t.flip ? ", mirrored" : "",
+                  static_cast<long long>(geometry.hypotheses));
+    out << line;
   }
   if (r.blocks.size() > 1) {
     out << "Reed-Muller blocks:";
@@ -133,7 +190,10 @@ std::string format_detect_report(const DetectResult& r, const ExpectedCheck* exp
   return out.str();
 }
 
-int detect_exit_status(Verdict v) { return v == Verdict::kDetected ? 0 : 2; }
+int detect_exit_status(Verdict v, const ExpectedCheck* expected) {
+  if (v != Verdict::kDetected) return 2;
+  return expected != nullptr && !expected->match ? 3 : 0;
+}
 
 namespace {
 
@@ -148,14 +208,22 @@ int run_detect_checked(int argc, char** argv) {
     std::cerr << "Error: " << error << "\n";
     return 1;
   }
-  int64_t frame_bytes = frame_size_for(o.pix_fmt, c.width, c.height);
+  if ((o.input_width_given && o.input_width < 1) || (o.input_height_given && o.input_height < 1)) {
+    std::cerr << "Error: --input-width and --input-height must be positive\n";
+    return 1;
+  }
+  // --width and --height are the size the video was marked at; the copy
+  // being read has a size of its own (the same unless told otherwise).
+  int32_t in_w = o.input_width_given ? o.input_width : c.width;
+  int32_t in_h = o.input_height_given ? o.input_height : c.height;
+  int64_t frame_bytes = frame_size_for(o.pix_fmt, in_w, in_h);
   if (frame_bytes == 0) {
     std::cerr << "Error: Unsupported pixel format: " << o.pix_fmt
               << " (use yuv420p, yuv422p or yuv444p)\n";
     return 1;
   }
   // The embedder refuses the frames whose 32-bit size wrapped.
-  if (frame_bytes < 0 || frame_size_wrapped(frame_bytes, c.width, c.height)) {
+  if (frame_bytes < 0 || frame_size_wrapped(frame_bytes, in_w, in_h)) {
     std::cerr << "Error: the frame is too large\n";
     return 1;
   }
@@ -171,8 +239,9 @@ int run_detect_checked(int argc, char** argv) {
     std::free(bits);
   }
 
-  // y4m input: the header gives the frame size and layout, and the detector
-  // is built again for it when it differs from the options.
+  // y4m input: the header gives the copy's size and layout. The marked size
+  // is --width/--height when given, else the header's too; the detector is
+  // built again when that differs from the options.
   PeekedInput input;
   std::string y4m_error;
   PeekResult kind = peek_input(o.input_file, &input, &y4m_error);
@@ -181,8 +250,16 @@ int run_detect_checked(int argc, char** argv) {
     return 1;
   }
   if (kind == PeekResult::kY4m) {
-    y4m_error = y4m_option_conflict(input.header, o.width_given, c.width, o.height_given, c.height,
-                                    o.pix_fmt_given, o.pix_fmt);
+    const Y4mHeader& h = input.header;
+    if (o.input_width_given && o.input_width != h.width) {
+      y4m_error = "Error: --input-width " + std::to_string(o.input_width) +
+                  " disagrees with the y4m header (W" + std::to_string(h.width) + ")";
+    } else if (o.input_height_given && o.input_height != h.height) {
+      y4m_error = "Error: --input-height " + std::to_string(o.input_height) +
+                  " disagrees with the y4m header (H" + std::to_string(h.height) + ")";
+    } else {
+      y4m_error = y4m_option_conflict(h, false, 0, false, 0, o.pix_fmt_given, o.pix_fmt);
+    }
     if (!y4m_error.empty()) kind = PeekResult::kRefused;
   }
   if (kind == PeekResult::kRefused) {
@@ -192,9 +269,13 @@ int run_detect_checked(int argc, char** argv) {
   if (input.y4m) {
     o.pix_fmt = input.header.pix_fmt;
     frame_bytes = y4m_frame_bytes(input.header);
-    if (c.width != input.header.width || c.height != input.header.height) {
-      c.width = input.header.width;
-      c.height = input.header.height;
+    in_w = input.header.width;
+    in_h = input.header.height;
+    const int32_t marked_w = o.width_given ? c.width : in_w;
+    const int32_t marked_h = o.height_given ? c.height : in_h;
+    if (c.width != marked_w || c.height != marked_h) {
+      c.width = marked_w;
+      c.height = marked_h;
       d = Detector();
       if (detector_init(&d, c, &error) != 0) {
         std::cerr << "Error: " << error << "\n";
@@ -202,6 +283,12 @@ int run_detect_checked(int argc, char** argv) {
       }
     }
   }
+  // A copy of the marked size is read as it is, frame by frame; the first
+  // frames are also kept for the geometric search.
+  const bool same_size = in_w == c.width && in_h == c.height;
+  CopyFrames copy;
+  copy.width = in_w;
+  copy.height = in_h;
   FILE* in = input.file;
   FrameReader reader(&input, static_cast<size_t>(frame_bytes));
   // Sized as the first frame arrives (see FrameReader::next).
@@ -214,7 +301,10 @@ int run_detect_checked(int argc, char** argv) {
       return 1;
     }
     if (got == Y4mLine::kEnd) break;
-    detector_add_frame(&d, frame.data(), c.width);
+    if (same_size) detector_add_frame(&d, frame.data(), c.width);
+    if (copy.luma.size() < static_cast<size_t>(kSearchFrames)) {
+      copy.luma.emplace_back(frame.begin(), frame.begin() + static_cast<ptrdiff_t>(in_w) * in_h);
+    }
     ++frames;
   }
   const bool read_error = std::ferror(in) != 0;
@@ -223,21 +313,31 @@ int run_detect_checked(int argc, char** argv) {
     return 1;
   }
   if (frames == 0) {
-    std::cerr << "Error: The input holds no complete frame of " << c.width << "x" << c.height
-              << " " << o.pix_fmt << "\n";
+    std::cerr << "Error: The input holds no complete frame of " << in_w << "x" << in_h << " "
+              << o.pix_fmt << "\n";
     return 1;
   }
 
-  const DetectResult result = detector_result(&d);
+  CopyRead read;
+  if (read_copy(&d, copy, o.search, expected_bits, &read, &error) != 0) {
+    std::cerr << "Error: " << error << "\n";
+    return 1;
+  }
+  const DetectResult& result = read.result;
+  GeometryReport geometry;
+  geometry.searched = read.searched;
+  geometry.transform = read.transform;
+  geometry.hypotheses = read.hypotheses;
+  geometry.candidates = read.candidates;
   ExpectedCheck check;
   if (!expected_bits.empty()) {
-    check.match = result.bits == expected_bits;
-    check.ber = detector_bit_error_rate(d, detector_expected_symbols(d, expected_bits));
+    check.match = result.bits == expected_bits && result.verdict != Verdict::kAmbiguous;
+    check.ber = read.ber;
   }
   std::cout << format_detect_report(result, expected_bits.empty() ? nullptr : &check,
-                                    bits_to_hex(expected_bits), o.json);
+                                    bits_to_hex(expected_bits), o.json, geometry);
   std::cout.flush();
-  return detect_exit_status(result.verdict);
+  return detect_exit_status(result.verdict, expected_bits.empty() ? nullptr : &check);
 }
 
 }  // namespace

@@ -126,8 +126,7 @@ int32_t detector_init(Detector* d, const DetectConfig& c, std::string* error) {
     }
   }
 
-  d->sum.assign(static_cast<size_t>(d->cells), 0.0);
-  d->scores.clear();
+  detector_reset(d);
   d->measures.assign(static_cast<size_t>(d->cells), 0);
   d->soft.assign(static_cast<size_t>(d->cells), 0.0f);
   d->masked.assign(static_cast<size_t>(d->cells), 0.0f);
@@ -171,7 +170,18 @@ void detector_add_soft(Detector* d, const float* soft) {
   }
   const double w = score.z * score.z;
   for (size_t i = 0; i < n; ++i) d->sum[i] += w * d->best[i];
+  if (score.z > d->top_z) {
+    d->top_z = score.z;
+    d->top.assign(d->best.begin(), d->best.end());
+  }
   d->scores.push_back(score);
+}
+
+void detector_reset(Detector* d) {
+  d->sum.assign(static_cast<size_t>(d->cells), 0.0);
+  d->scores.clear();
+  d->top.clear();
+  d->top_z = -1;
 }
 
 DetectResult detector_result(Detector* d) {
@@ -181,6 +191,17 @@ DetectResult detector_result(Detector* d) {
   for (size_t i = 0; i < n; ++i) d->decode_in[i] = static_cast<float>(d->sum[i]);
   double z = 0;
   decode_cells(d, d->decode_in.data(), &z);
+  // A frame that decodes more clearly alone than the weighted sum does (a
+  // lone intra frame among predicted frames that carry noise) gives the answer.
+  if (r.frames > 1 && !d->top.empty()) {
+    double top_z = 0;
+    decode_cells(d, d->top.data(), &top_z);
+    if (top_z > z) {
+      z = top_z;
+    } else {
+      decode_cells(d, d->decode_in.data(), &z);
+    }
+  }
   if (r.frames == 0) z = 0;
   r.bits = d->bits;
   r.wm_id = bits_to_hex(r.bits);
@@ -241,6 +262,8 @@ const char* verdict_name(Verdict v) {
       return "detected";
     case Verdict::kWeak:
       return "weak";
+    case Verdict::kAmbiguous:
+      return "ambiguous";
     case Verdict::kNone:
       break;
   }

@@ -39,7 +39,9 @@ constexpr int64_t kMaxDetectorCells = int64_t{1} << 22;
 constexpr double kDetectedZ = 7.0;
 constexpr double kWeakZ = 6.0;
 
-enum class Verdict { kNone, kWeak, kDetected };
+// kAmbiguous: geometries that fit the copy about equally well decode to
+// different IDs, so none is named (set by the geometric search only).
+enum class Verdict { kNone, kWeak, kDetected, kAmbiguous };
 
 // What the frames seen so far say.
 struct DetectResult {
@@ -74,6 +76,8 @@ struct Detector {
   std::vector<int32_t> selection_seeds; // seed of each candidate selection
   std::vector<double> sum;              // weighted sum of the soft values, one per cell
   std::vector<FrameScore> scores;       // one per frame added
+  std::vector<float> top;               // decode input of the frame with the largest z
+  double top_z = -1;                    // that frame's z; -1 before the first frame
   // Work buffers.
   std::vector<int32_t> measures;        // signal_measure of every cell of the current frame
   std::vector<float> soft;              // soft values of the current frame
@@ -98,8 +102,13 @@ void detector_add_frame(Detector* d, const uint8_t* luma, int32_t stride);
 // the part of detector_add_frame after the measurement.
 void detector_add_soft(Detector* d, const float* soft);
 
-// Decodes the weighted sum of the frames added so far.
+// Decodes the weighted sum of the frames added so far, or the single frame
+// that decodes best when that is stronger: adding frames never weakens the
+// answer.
 DetectResult detector_result(Detector* d);
+
+// Forgets the frames added so far (the tables are kept).
+void detector_reset(Detector* d);
 
 // The coded symbol ('0'/'1') that each superpixel carries for the payload
 // bits (bit_profile characters), as the embedder lays them out: cells not

@@ -89,6 +89,40 @@ int32_t rm_decode_plan(RmDecodePlan* plan, int32_t nbits, int32_t L, uint32_t se
   return 0;
 }
 
+RmBlockDecision rm_decide_block(const RmPlanBlock& b, float* points, double energy, char* bits) {
+  const int32_t low_bits = b.bits - 1;
+  const size_t n = size_t{1} << low_bits;
+  walsh_hadamard(points, low_bits);
+  size_t best = 0;
+  double best_abs = -1;
+  double total = 0;
+  for (size_t u = 0; u < n; ++u) {
+    const double c = points[u];
+    total += c * c;
+    if (std::fabs(c) > best_abs) {
+      best_abs = std::fabs(c);
+      best = u;
+    }
+  }
+  const double corr = points[best];
+  // Noise level of one correlation: the rms of the other candidates, which
+  // under pure noise have the same spread as the winner. With few others
+  // that estimate is itself too noisy; the spread of a correlation over
+  // independent random signs is then known exactly: the root of the summed
+  // squared soft values.
+  const int64_t others = static_cast<int64_t>(n) - 1;
+  double noise2 = energy;
+  if (others >= kMinNoiseCandidates) {
+    noise2 = (total - corr * corr) / static_cast<double>(others);
+  }
+  const double z = noise2 > 0 ? std::fabs(corr) / std::sqrt(noise2) : 0.0;
+
+  char* out = bits + b.first_bit;
+  out[0] = corr < 0 ? '1' : '0';
+  for (int32_t i = 1; i < b.bits; ++i) out[i] = ((best >> (i - 1)) & 1u) != 0 ? '1' : '0';
+  return RmBlockDecision{b.first_bit, b.bits, corr, z};
+}
+
 double rm_decode_with_plan(const RmDecodePlan& plan, const float* soft, char* bits,
                            RmBlockDecision* decisions, RmDecodeScratch* scratch) {
   double weakest = 0;
@@ -110,36 +144,9 @@ double rm_decode_with_plan(const RmDecodePlan& plan, const float* soft, char* bi
       pts[f & kPointMask] += (f & kSignBit) != 0 ? -y : y;
       energy += static_cast<double>(y) * y;
     }
-    walsh_hadamard(pts.data(), low_bits);
-
-    size_t best = 0;
-    double best_abs = -1;
-    double total = 0;
-    for (size_t u = 0; u < n; ++u) {
-      const double c = pts[u];
-      total += c * c;
-      if (std::fabs(c) > best_abs) {
-        best_abs = std::fabs(c);
-        best = u;
-      }
-    }
-    const double corr = pts[best];
-    // Noise level of one correlation: the rms of the other candidates, which
-    // under pure noise have the same spread as the winner. With few others
-    // that estimate is itself too noisy; the spread of a correlation over
-    // independent random signs is then known exactly: the root of the summed
-    // squared soft values.
-    const int64_t others = static_cast<int64_t>(n) - 1;
-    double noise2 = energy;
-    if (others >= kMinNoiseCandidates) {
-      noise2 = (total - corr * corr) / static_cast<double>(others);
-    }
-    const double z = noise2 > 0 ? std::fabs(corr) / std::sqrt(noise2) : 0.0;
-
-    char* out = bits + b.first_bit;
-    out[0] = corr < 0 ? '1' : '0';
-    for (int32_t i = 1; i < b.bits; ++i) out[i] = ((best >> (i - 1)) & 1u) != 0 ? '1' : '0';
-    if (decisions != nullptr) decisions[bi] = RmBlockDecision{b.first_bit, b.bits, corr, z};
+    const RmBlockDecision d = rm_decide_block(b, pts.data(), energy, bits);
+    if (decisions != nullptr) decisions[bi] = d;
+    const double z = d.z;
     if (bi == 0 || z < weakest) weakest = z;
   }
   return weakest;

@@ -53,6 +53,12 @@ struct RmDecodeScratch {
 double rm_decode_with_plan(const RmDecodePlan& plan, const float* soft, char* bits,
                            RmBlockDecision* decisions, RmDecodeScratch* scratch);
 
+// Decides one block from its folded points (2^(bits - 1) values, each the
+// signed sum of the soft values folded onto it; transformed in place) and the
+// summed squares of those soft values: writes the block's bits at
+// bits + first_bit and returns its decision.
+RmBlockDecision rm_decide_block(const RmPlanBlock& b, float* points, double energy, char* bits);
+
 // One-shot form: builds the plan for (nbits, L, seed), decodes, and fills bits
 // (nbits characters) and decisions (one per block). 0, or -1 as for
 // rm_decode_plan.

@@ -302,10 +302,51 @@ TEST(ApiDetect, FindsTheIdTheEmbedderWrote) {
   EXPECT_STREQ(r.wm_id, "");
   lumamark_detector_close(d);
 
-  // A copy of another size needs the geometric search.
-  ASSERT_EQ(lumamark_params_set(&p, "input-width", "640"), 0);
-  EXPECT_EQ(lumamark_detector_open(&p, &d), LUMAMARK_EGEOMETRY);
-  EXPECT_EQ(d, nullptr);
+  // A copy cropped by 9 columns on the left and 5 rows at the top, read at
+  // its own size against the marked size, and the mirrored copy at the
+  // marked size: the search finds both; with no search the mirror reads
+  // nothing.
+  ASSERT_EQ(lumamark_params_set(&p, "user-urn", "00112233445566778899aabbccddeeff"), 0);
+  const size_t frame = 320 * 192 * 3 / 2;
+  struct Copy {
+    const char* what;
+    int32_t w, h;
+    int32_t dx, dy;  // marked pixel of the copy's top-left
+    bool mirror;
+    const char* search;
+    lumamark_verdict verdict;
+  };
+  const Copy copies[] = {{"crop", 311, 187, 9, 5, false, "fast", LUMAMARK_VERDICT_DETECTED},
+                         {"mirror", 320, 192, 0, 0, true, "fast", LUMAMARK_VERDICT_DETECTED},
+                         {"mirror unsearched", 320, 192, 0, 0, true, "none", LUMAMARK_VERDICT_NONE}};
+  for (const Copy& c : copies) {
+    ASSERT_EQ(lumamark_params_set(&p, "input-width", std::to_string(c.w).c_str()), 0);
+    ASSERT_EQ(lumamark_params_set(&p, "input-height", std::to_string(c.h).c_str()), 0);
+    ASSERT_EQ(lumamark_params_set(&p, "search", c.search), 0);
+    ASSERT_EQ(lumamark_detector_open(&p, &d), 0) << c.what;
+    std::vector<uint8_t> plane(size_t(c.w) * c.h);
+    for (size_t at = 0; at < frames.size(); at += frame) {
+      for (int32_t y = 0; y < c.h; ++y) {
+        for (int32_t x = 0; x < c.w; ++x) {
+          const int32_t sx = c.mirror ? 319 - x : x + c.dx;
+          plane[size_t(y) * c.w + x] = uint8_t(frames[at + size_t(y + c.dy) * 320 + sx]);
+        }
+      }
+      ASSERT_EQ(lumamark_detector_add(d, plane.data(), c.w), 0);
+    }
+    ASSERT_EQ(lumamark_detector_result(d, &r), 0);
+    EXPECT_EQ(r.verdict, c.verdict) << c.what << " z " << r.z;
+    if (c.verdict == LUMAMARK_VERDICT_DETECTED) {
+      EXPECT_STREQ(r.wm_id, "1a2b") << c.what;
+      EXPECT_EQ(r.transform.flip, c.mirror ? 1 : 0) << c.what;
+      EXPECT_NEAR(r.transform.scale_x, 1.0, 0.01) << c.what;
+      if (!c.mirror) {
+        EXPECT_NEAR(r.transform.offset_x, c.dx, 1.0) << c.what;
+        EXPECT_NEAR(r.transform.offset_y, c.dy, 1.0) << c.what;
+      }
+    }
+    lumamark_detector_close(d);
+  }
 }
 
 }  // namespace

@@ -18,6 +18,19 @@ std::string mark(const std::string& raw, const Args& args) {
   return r.out;
 }
 
+// The 320 x 240 yuv420p frames cropped to w x h from (x0, y0), as a y4m
+// stream (chroma grey: the detector reads luma only).
+std::string crop_to_y4m(const std::string& raw, int32_t x0, int32_t y0, int32_t w, int32_t h) {
+  std::string out = "YUV4MPEG2 W" + std::to_string(w) + " H" + std::to_string(h) + " F25:1 C420jpeg\n";
+  const size_t frame = 320 * 240 * 3 / 2, chroma = size_t((w + 1) / 2) * ((h + 1) / 2) * 2;
+  for (size_t f = 0; f + frame <= raw.size(); f += frame) {
+    out += "FRAME\n";
+    for (int32_t y = 0; y < h; ++y) out += raw.substr(f + size_t(y + y0) * 320 + x0, size_t(w));
+    out += std::string(chroma, '\x80');
+  }
+  return out;
+}
+
 TEST(DetectE2e, OutputsAndExitStatuses) {
   TempDir dir;
   const Args geo = {"--width", "320", "--height", "240"};
@@ -42,11 +55,17 @@ TEST(DetectE2e, OutputsAndExitStatuses) {
   };
   const Case cases[] = {
       {cat(geo, cat({"--input-file", dir.file("marked.yuv"), "--json"}, urn)), "", 0, "{\"wm_id\": \"1a2b\", \"z\": ",
-       ", \"frames\": 3, \"verdict\": \"detected\"}\n", ""},
+       ", \"frames\": 3, \"verdict\": \"detected\", \"transform\": {\"scale_x\": 1.0000, \"scale_y\": 1.0000, "
+       "\"offset_x\": 0.00, \"offset_y\": 0.00, \"flip\": false}}\n", ""},
+      // y4m: the header gives the copy's size, --width/--height the marked one.
+      {cat(geo, cat({"--json"}, urn)), crop_to_y4m(marked, 9, 5, 311, 235), 0, "{\"wm_id\": \"1a2b\"",
+       "\"verdict\": \"detected\", \"transform\": {\"scale_x\": 1.0000, \"scale_y\": 1.0000, \"offset_x\": ", ""},
       {cat(geo, cat({"--frames", "1"}, urn)), marked, 0, "Watermark detected: ID 1a2b (z ", " from 1 frame).\n", ""},
       {cat(geo, cat({"--json", "--wm-id", "1a2b"}, urn)), marked, 0, "{", "\"expected\": \"1a2b\", \"match\": true, \"ber\": 0.", ""},
+      // A detected ID that is not the expected one has a status of its own.
+      {cat(geo, cat({"--wm-id", "1a2c"}, urn)), marked, 3, "Watermark detected: ID 1a2b", "Expected ID 1a2c: does not match", ""},
       // The wrong URN, or no mark at all: status 2.
-      {cat(geo, {"--json"}), marked, 2, "{", "\"verdict\": \"none\"}\n", ""},
+      {cat(geo, {"--json"}), marked, 2, "{", "\"verdict\": \"none\", \"transform\": ", ""},
       {cat(geo, urn), raw, 2, "No watermark detected (z ", "", ""},
       {cat(geo, parity), marked_parity, 0, "Watermark detected: ID c ", "", ""},
       {cat(geo, sparse), marked_sparse, 0, "Watermark detected: ID 05 ", "", ""},
@@ -56,6 +75,7 @@ TEST(DetectE2e, OutputsAndExitStatuses) {
       {{}, "", 1, "Usage: ", "", ""},
       {{"--bogus"}, "", 1, "", "", "Error: Unknown option: --bogus\n"},
       {cat(geo, {"--width", "12x"}), "", 1, "", "", "Error: --width expects an integer, got '12x'\n"},
+      {cat(geo, {"--search", "deep"}), "", 1, "", "", "Error: --search expects none, fast or full, got 'deep'\n"},
       {cat(geo, {"--pix-fmt", "rgb24"}), raw, 1, "", "",
        "Error: Unsupported pixel format: rgb24 (use yuv420p, yuv422p or yuv444p)\n"},
       {cat(geo, {"--wm-id", "3fff"}), raw, 1, "", "", "Error: --wm-id 3fff is not a hexadecimal ID of at most 13 bits\n"},
