@@ -193,17 +193,8 @@ void embed_worker(EmbedTask* t) {
       // Embed again and again with a growing amplitude on the same pixels
       // until the amplitude reaches the strength or the signal reaches the
       // superpixel's measure before embedding.
-      const int64_t target = magnitude(measured);
-      int32_t a = value;
-      const int8_t* p = pattern;
-      for (;;) {
-        const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
-        for (int32_t j = 0; j < area; ++j) scratch[j] = p[j] != 0 ? amp : 0;
-        signal = k.embed_superpixel(t->luma, g, x, y, 1, a, scratch, t->texture, t->pm_mode);
-        a = a < 0 ? a - 1 : a + 1;
-        if (magnitude(a) >= t->strength || target <= magnitude(signal)) break;
-        p = scratch;
-      }
+      signal = k.embed_repeat(t->luma, g, x, y, value, pattern, t->texture, t->pm_mode, t->strength,
+                              magnitude(measured), scratch);
     }
 
     if (t->log == nullptr) continue;
