@@ -254,16 +254,19 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
                     static_cast<uint32_t>(settings->seed), pm_mode != 3);
 
   // The deep-fake targets are measured on the untouched frame, with the frame
-  // width as the row pitch. When that is the stride, a superpixel's measure
-  // reads only its own pixels, and the worker that embeds it measures it
-  // right before; otherwise the whole grid is measured first.
+  // width as the row pitch: the whole grid first, with the grid kernel. When
+  // the work space cannot be had and the width is the stride, a superpixel's
+  // measure reads only its own pixels, and the worker that embeds it
+  // measures it right before.
   int32_t* measures = nullptr;
-  const int32_t measure_in_place = deep_fake != 0 && width == stride ? 1 : 0;
-  if (deep_fake != 0 && measure_in_place == 0) {
+  int32_t measure_in_place = 0;
+  if (deep_fake != 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
     if (measures != nullptr) {
       kernels().measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
                              geometry->border_h);
+    } else {
+      measure_in_place = width == stride ? 1 : 0;
     }
   }
 

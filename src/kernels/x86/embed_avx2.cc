@@ -141,10 +141,12 @@ int32_t embed_superpixel_repeat_avx2(uint8_t* luma, const FrameGeometry* geometr
     return embed_superpixel_repeat_with(embed_superpixel_avx2, luma, geometry, x, y, value, pattern,
                                         texture, pm_mode, strength, target, scratch);
   }
-  const int32_t bw = border_or_default(geometry->border_w, sp_w);
-  const int32_t bh = border_or_default(geometry->border_h, sp_h);
-  int32_t small[8];
-  attenuation_table(luma, x, y, stride, sp_w, sp_h, bw, bh, pm_mode, small);
+  // The attenuation table as attenuation_table sets it outside border-activity
+  // mode: the identity for modes 0 and 3, amplitude 1 for all others.
+  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  if (pm_mode != 0 && pm_mode != 3) {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  }
   const bool perceptual = pm_mode == 3 && texture != nullptr;
 
   // The rows with a non-zero pattern byte: their pixels (16-bit lanes), which
