@@ -193,17 +193,8 @@ void embed_worker(EmbedTask* t) {
       // Embed again and again with a growing amplitude on the same pixels
       // until the amplitude reaches the strength or the signal reaches the
       // superpixel's measure before embedding.
-      const int64_t target = magnitude(measured);
-      int32_t a = value;
-      const int8_t* p = pattern;
-      for (;;) {
-        const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
-        for (int32_t j = 0; j < area; ++j) scratch[j] = p[j] != 0 ? amp : 0;
-        signal = k.embed_superpixel(t->luma, g, x, y, 1, a, scratch, t->texture, t->pm_mode);
-        a = a < 0 ? a - 1 : a + 1;
-        if (magnitude(a) >= t->strength || target <= magnitude(signal)) break;
-        p = scratch;
-      }
+      signal = k.embed_repeat(t->luma, g, x, y, value, pattern, t->texture, t->pm_mode, t->strength,
+                              magnitude(measured), scratch);
     }
 
     if (t->log == nullptr) continue;
@@ -263,16 +254,19 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
                     static_cast<uint32_t>(settings->seed), pm_mode != 3);
 
   // The deep-fake targets are measured on the untouched frame, with the frame
-  // width as the row pitch. When that is the stride, a superpixel's measure
-  // reads only its own pixels, and the worker that embeds it measures it
-  // right before; otherwise the whole grid is measured first.
+  // width as the row pitch: the whole grid first, with the grid kernel. When
+  // the work space cannot be had and the width is the stride, a superpixel's
+  // measure reads only its own pixels, and the worker that embeds it
+  // measures it right before.
   int32_t* measures = nullptr;
-  const int32_t measure_in_place = deep_fake != 0 && width == stride ? 1 : 0;
-  if (deep_fake != 0 && measure_in_place == 0) {
+  int32_t measure_in_place = 0;
+  if (deep_fake != 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
     if (measures != nullptr) {
       kernels().measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
                              geometry->border_h);
+    } else {
+      measure_in_place = width == stride ? 1 : 0;
     }
   }
 

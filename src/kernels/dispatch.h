@@ -22,6 +22,7 @@ using TextureRowsFn = TextureRowsKernel*;          // texture rows without an in
 using EmbedBandFn = EmbedBandKernel*;              // a run of superpixels (embed_band.h)
 using EmbedPrepareFn = EmbedPrepareKernel*;        // per-pattern preparation (embed_band.h)
 using EmbedSuperpixelFn = EmbedSuperpixelKernel*;  // one superpixel (embed.h)
+using EmbedRepeatFn = EmbedRepeatKernel*;          // one superpixel, deep-fake passes (embed.h)
 using SignalMeasureFn = SignalMeasureKernel*;      // signal of one superpixel (measure.h)
 using SignalMeasureGridFn = SignalMeasureGridKernel*;  // signals of a whole grid (measure.h)
 
@@ -32,6 +33,7 @@ struct KernelTable {
   EmbedBandFn embed_band;              // embedding of a run of superpixels
   EmbedPrepareFn embed_prepare;        // per-pattern preparation for embed_band
   EmbedSuperpixelFn embed_superpixel;  // embedding of one superpixel
+  EmbedRepeatFn embed_repeat;          // repeated embedding of one superpixel (deep-fake)
   SignalMeasureFn signal_measure;      // signal of one superpixel
   SignalMeasureGridFn measure_grid;    // signals of every superpixel of a grid
 };

@@ -155,4 +155,33 @@ int32_t embed_superpixel(uint8_t* luma, const FrameGeometry* geometry, int32_t x
   return static_cast<int32_t>(total);
 }
 
+int32_t embed_superpixel_repeat_with(EmbedSuperpixelKernel* embed, uint8_t* luma,
+                                     const FrameGeometry* geometry, int32_t x, int32_t y,
+                                     int32_t value, const int8_t* pattern, const uint8_t* texture,
+                                     int32_t pm_mode, int32_t strength, int64_t target,
+                                     int8_t* scratch) {
+  const int32_t area = geometry->sp_w * geometry->sp_h;
+  auto magnitude = [](int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : static_cast<int64_t>(v); };
+  int32_t a = value;
+  const int8_t* p = pattern;
+  int32_t signal = 0;
+  for (;;) {
+    const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
+    for (int32_t j = 0; j < area; ++j) scratch[j] = p[j] != 0 ? amp : 0;
+    signal = embed(luma, geometry, x, y, 1, a, scratch, texture, pm_mode);
+    a = a < 0 ? a - 1 : a + 1;
+    if (magnitude(a) >= strength || target <= magnitude(signal)) break;
+    p = scratch;
+  }
+  return signal;
+}
+
+int32_t embed_superpixel_repeat(uint8_t* luma, const FrameGeometry* geometry, int32_t x, int32_t y,
+                                int32_t value, const int8_t* pattern, const uint8_t* texture,
+                                int32_t pm_mode, int32_t strength, int64_t target,
+                                int8_t* scratch) {
+  return embed_superpixel_repeat_with(embed_superpixel, luma, geometry, x, y, value, pattern,
+                                      texture, pm_mode, strength, target, scratch);
+}
+
 }  // namespace lumamark

@@ -47,4 +47,24 @@ using EmbedSuperpixelKernel = int32_t(uint8_t* luma, const FrameGeometry* geomet
                                       int32_t pm_mode);
 EmbedSuperpixelKernel embed_superpixel;
 
+// Repeated embedding of one superpixel (deep-fake mode): embeds on the same
+// pixels again and again, first value with pattern, then each time with the
+// magnitude one larger (sign kept) and every non-zero pattern byte replaced
+// by that magnitude's low byte (as a signed byte), until the magnitude
+// reaches strength or the returned sum of one pass reaches target in
+// magnitude. scratch holds sp_w x sp_h bytes of work space. Returns the sum
+// of the last pass. Each pass is one call of embed with these arguments.
+int32_t embed_superpixel_repeat_with(EmbedSuperpixelKernel* embed, uint8_t* luma,
+                                     const FrameGeometry* geometry, int32_t x, int32_t y,
+                                     int32_t value, const int8_t* pattern, const uint8_t* texture,
+                                     int32_t pm_mode, int32_t strength, int64_t target,
+                                     int8_t* scratch);
+
+// The same with embed_superpixel as the pass.
+using EmbedRepeatKernel = int32_t(uint8_t* luma, const FrameGeometry* geometry, int32_t x,
+                                  int32_t y, int32_t value, const int8_t* pattern,
+                                  const uint8_t* texture, int32_t pm_mode, int32_t strength,
+                                  int64_t target, int8_t* scratch);
+EmbedRepeatKernel embed_superpixel_repeat;
+
 }  // namespace lumamark

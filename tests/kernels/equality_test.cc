@@ -205,6 +205,47 @@ TEST(KernelEquality, EmbedSuperpixelAndRuns) {
   }
 }
 
+// Repeated (deep-fake) embedding of one superpixel: each table's result,
+// plane and sum, against the plain passes, with magnitudes that pass 127 and
+// 255 (a low byte of 0 ends the changes), targets met early or never, and
+// every mode, border analysis included.
+TEST(KernelEquality, EmbedSuperpixelRepeated) {
+  std::mt19937 rng(1818);
+  const int32_t modes[] = {0, 1, 2, 3, 3, 3, 7};
+  for (int iter = 0; iter < 1500; ++iter) {
+    const bool large = iter % 10 == 0;
+    const int32_t sp_w = 1 + rng() % (large ? 64 : 17), sp_h = 1 + rng() % (large ? 70 : 17);
+    const int32_t border = static_cast<int32_t>(rng() % 5) - 1;
+    const int32_t pm = modes[rng() % 7];
+    const int32_t x = rng() % 9, y = rng() % 5;
+    const int32_t frame_w = x + sp_w + rng() % 9, frame_h = y + sp_h + rng() % 3;
+    const int32_t stride = frame_w + rng() % 5;
+    const Bytes frame = picture(static_cast<size_t>(stride) * frame_h, rng);
+    Bytes texture(static_cast<size_t>(frame_w) * frame_h);
+    const int tex_top = rng() % 3 ? 51 : 256;
+    for (auto& t : texture) t = static_cast<uint8_t>(rng() % tex_top);
+    const uint8_t* tex = rng() % 5 ? texture.data() : nullptr;
+    const std::vector<int8_t> pattern = make_pattern(sp_w, sp_h, border_or_default(border, sp_w),
+                                                     border_or_default(border, sp_h), rng);
+    const int32_t strength = rng() % 4 ? 1 + static_cast<int32_t>(rng() % 12) : 1 + static_cast<int32_t>(rng() % 300);
+    const int32_t value = static_cast<int32_t>(rng() % 2 ? rng() % 24 : rng() % 600) - (rng() % 2 ? 300 : 12);
+    const int64_t target = rng() % 3 ? static_cast<int64_t>(rng() % 4000) : INT64_MAX;
+    const FrameGeometry g{frame_w, frame_h, stride, sp_w, sp_h, border, border};
+    std::vector<int8_t> scratch(static_cast<size_t>(sp_w) * sp_h);
+    Bytes want = frame;
+    const int32_t want_sum = embed_superpixel_repeat(want.data() + kGuard, &g, x, y, value, pattern.data(),
+                                                     tex, pm, strength, target, scratch.data());
+    for (const KernelTable* t : tables()) {
+      Bytes got = frame;
+      const int32_t sum = t->embed_repeat(got.data() + kGuard, &g, x, y, value, pattern.data(), tex, pm,
+                                          strength, target, scratch.data());
+      ASSERT_EQ(want_sum, sum) << t->name << " iter " << iter;
+      ASSERT_EQ(want, got) << t->name << " iter " << iter << " sp " << sp_w << "x" << sp_h << " pm " << pm
+                           << " value " << value << " strength " << strength;
+    }
+  }
+}
+
 // One map value from box sums taken pixel by pixel.
 uint8_t texture_at(const uint8_t* src, int w, int h, int stride, int r, int x, int y) {
   const int s = std::max(x - r, 0), e = std::min(x + r, w - 1);
