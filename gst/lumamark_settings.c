@@ -20,7 +20,7 @@ typedef struct LmSetting {
 #define BOTH (LM_FOR_EMBED | LM_FOR_DETECT)
 
 /* The detector's geometric search, by the names lumamark_params_set takes. */
-static const gchar* const search_names[] = {"none", "fast", "full"};
+static const gchar* const search_names[] = {"none", "fast", "full", "auto"};
 
 static const LmSetting settings[] = {
     {"wm-id", LM_TEXT, FIELD(wm_id), LM_FOR_EMBED, FALSE, "Watermark ID, hexadecimal (at most bit-profile bits)"},
@@ -47,7 +47,7 @@ static const LmSetting settings[] = {
     {"height", LM_INT, FIELD(height), LM_FOR_DETECT, TRUE,
      "Height the frames were marked at; 0 = the stream's height"},
     {"search", LM_CHOICE, FIELD(search), LM_FOR_DETECT, FALSE,
-     "Geometric search for a scaled, shifted or mirrored copy: none, fast or full"},
+     "Geometric search for a scaled, shifted or mirrored copy: none, fast, full or auto (fast, then full when fast names no ID)"},
 };
 
 #define N_SETTINGS G_N_ELEMENTS(settings)

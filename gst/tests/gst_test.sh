@@ -89,7 +89,7 @@ case "$case_name" in
     grep -A2 "^  bit-profile" embed.txt | grep -q "Default: 13" || fail "bit-profile default"
     grep -A2 "^  seed" embed.txt | grep -q "Default: -1" || fail "seed default"
     grep -A2 "^  user-urn" embed.txt | grep -q 'Default: "00000000000000000000000000000000"' || fail "user-urn default"
-    grep -A2 "^  search" detect.txt | grep -q 'Default: "fast"' || fail "search default"
+    grep -A2 "^  search" detect.txt | grep -q 'Default: "auto"' || fail "search default"
     grep -q "Y444" embed.txt || fail "lumamark caps lack Y444"
     echo "both elements listed with their properties"
     ;;

@@ -83,7 +83,7 @@ typedef struct lumamark_params {
   char payload_file[LUMAMARK_TEXT_MAX]; /* saved payload to embed instead of wm_id; "" = none ("payload-file") */
   int32_t input_width;    /* detector: width of the copy being read, 0..65535; 0 = width; default 0 ("input-width") */
   int32_t input_height;   /* detector: height of the copy being read, 0..65535; 0 = height; default 0 ("input-height") */
-  int32_t search;         /* detector: geometric search, 0 none, 1 fast, 2 full; default 1 ("search": none|fast|full) */
+  int32_t search;         /* detector: geometric search, 0 none, 1 fast, 2 full, 3 auto (fast, then full when fast names no ID); default 3 ("search") */
 } lumamark_params;
 
 /* An open embedder; see lumamark_embedder_open. */
@@ -128,7 +128,7 @@ LUMAMARK_API void lumamark_params_default(lumamark_params* p);
  * such as "deep-fake" take "1" or "0". Integers are strict decimal (an
  * optional '-', digits, nothing else) within the range beside each field;
  * "user-urn" takes exactly 32 hexadecimal digits; "search" takes "none",
- * "fast" or "full". Returns 0, LUMAMARK_ENAME for an unknown name or
+ * "fast", "full" or "auto". Returns 0, LUMAMARK_ENAME for an unknown name or
  * LUMAMARK_EVALUE for a malformed or out-of-range value (p is then
  * unchanged). Never aborts. */
 LUMAMARK_API int lumamark_params_set(lumamark_params* p, const char* name, const char* value);

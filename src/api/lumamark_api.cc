@@ -85,13 +85,13 @@ constexpr Setting kSettings[] = {
     LM_TEXT("payload-file", Kind::kText, payload_file),
     LM_INT("input-width", input_width, 0, kMaxSide),
     LM_INT("input-height", input_height, 0, kMaxSide),
-    {"search", Kind::kSearch, offsetof(lumamark_params, search), 0, 0, 2},
+    {"search", Kind::kSearch, offsetof(lumamark_params, search), 0, 0, 3},
 };
 
 #undef LM_INT
 #undef LM_TEXT
 
-const char* const kSearchNames[] = {"none", "fast", "full"};
+const char* const kSearchNames[] = {"none", "fast", "full", "auto"};
 
 const Setting* find_setting(const char* name) {
   for (const Setting& s : kSettings) {
@@ -270,7 +270,7 @@ void lumamark_params_default(lumamark_params* p) {
   p->threads = 1;
   p->input_width = 0;
   p->input_height = 0;
-  p->search = 1;
+  p->search = 3;
 }
 
 int lumamark_params_set(lumamark_params* p, const char* name, const char* value) {
@@ -278,7 +278,7 @@ int lumamark_params_set(lumamark_params* p, const char* name, const char* value)
   const Setting* s = find_setting(name);
   if (s == nullptr) return LUMAMARK_ENAME;
   if (s->kind == Kind::kSearch) {
-    for (int32_t i = 0; i < 3; ++i) {
+    for (int32_t i = 0; i < 4; ++i) {
       if (std::strcmp(value, kSearchNames[i]) == 0) {
         *int_field(p, *s) = i;
         return LUMAMARK_OK;
@@ -377,7 +377,8 @@ int lumamark_detector_open(const lumamark_params* p, lumamark_detector** out) {
   c.threads = p->threads;
   constexpr lumamark::SearchMode kModes[] = {lumamark::SearchMode::kNone,
                                              lumamark::SearchMode::kFast,
-                                             lumamark::SearchMode::kFull};
+                                             lumamark::SearchMode::kFull,
+                                             lumamark::SearchMode::kAuto};
   try {
     c.user_urn = p->user_urn;
     lumamark_detector* d = new lumamark_detector;

@@ -43,7 +43,7 @@ void print_detect_usage(const char* program, std::ostream& out) {
       << "  --input-width <int>   Width of the copy being read (default: --width)\n"
       << "  --input-height <int>  Height of the copy being read (default: --height)\n"
       << "  --search <str>        Geometric search when the aligned read finds no mark:\n"
-      << "                        none, fast or full (default: fast, then full if needed)\n"
+      << "                        none, fast, full or auto (default: auto, fast then full if needed)\n"
       << "  --pix-fmt <str>       Pixel format: yuv420p (default), yuv422p or yuv444p\n"
       << "  --frames <int>        Number of frames to use (default: all)\n"
       << "  --sp-width <int>      Superpixel size used when embedding (default 7)\n"
@@ -90,8 +90,10 @@ DetectParse parse_detect_options(int argc, char** argv, DetectOptions* o, std::o
         o->search = SearchMode::kFast;
       } else if (search == "full") {
         o->search = SearchMode::kFull;
+      } else if (search == "auto") {
+        o->search = SearchMode::kAuto;
       } else {
-        err << "Error: --search expects none, fast or full, got '" << search << "'\n";
+        err << "Error: --search expects none, fast, full or auto, got '" << search << "'\n";
         return DetectParse::kError;
       }
       return DetectParse::kRun;

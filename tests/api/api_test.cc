@@ -89,7 +89,7 @@ TEST(ApiParams, SetByNameIsStrictAndNeverAborts) {
       {"user-urn", "0123456789abcdefABCDEF0123456789", 0}, {"user-urn", "0123", LUMAMARK_EVALUE},
       {"user-urn", "0123456789abcdefABCDEF012345678g", LUMAMARK_EVALUE},
       {"wm-id", "1A2B", 0},         {"wm-id", long_text.c_str(), LUMAMARK_EVALUE},
-      {"payload-file", "/tmp/p.lmp", 0}, {"input-width", "0", 0},         {"search", "full", 0},
+      {"payload-file", "/tmp/p.lmp", 0}, {"input-width", "0", 0},         {"search", "full", 0}, {"search", "auto", 0},
       {"search", "2", LUMAMARK_EVALUE}, {"Width", "640", LUMAMARK_ENAME}, {"--width", "640", LUMAMARK_ENAME},
       {"input-file", "x", LUMAMARK_ENAME}, {"embed-log", "x", LUMAMARK_ENAME}, {"sp-height", "7", LUMAMARK_ENAME},
   };

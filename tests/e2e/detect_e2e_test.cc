@@ -75,7 +75,7 @@ TEST(DetectE2e, OutputsAndExitStatuses) {
       {{}, "", 1, "Usage: ", "", ""},
       {{"--bogus"}, "", 1, "", "", "Error: Unknown option: --bogus\n"},
       {cat(geo, {"--width", "12x"}), "", 1, "", "", "Error: --width expects an integer, got '12x'\n"},
-      {cat(geo, {"--search", "deep"}), "", 1, "", "", "Error: --search expects none, fast or full, got 'deep'\n"},
+      {cat(geo, {"--search", "deep"}), "", 1, "", "", "Error: --search expects none, fast, full or auto, got 'deep'\n"},
       {cat(geo, {"--pix-fmt", "rgb24"}), raw, 1, "", "",
        "Error: Unsupported pixel format: rgb24 (use yuv420p, yuv422p or yuv444p)\n"},
       {cat(geo, {"--wm-id", "3fff"}), raw, 1, "", "", "Error: --wm-id 3fff is not a hexadecimal ID of at most 13 bits\n"},
