@@ -7,7 +7,7 @@
 #   --time SECONDS  how long each target runs (default 300)
 #   --jobs N        targets run at the same time (default 2)
 #   TARGET          fuzz_options, fuzz_payload_file, fuzz_filter, fuzz_rm,
-#                   fuzz_y4m, fuzz_detect (default: all six)
+#                   fuzz_y4m, fuzz_detect, fuzz_api (default: all seven)
 #
 # Each target starts from its committed seeds in fuzz/corpus/<target>/
 # (read only) and keeps what it finds in build-fuzz/corpus/<target>/. A
@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-[ ${#targets[@]} -gt 0 ] || targets=(fuzz_options fuzz_payload_file fuzz_filter fuzz_rm fuzz_y4m fuzz_detect)
+[ ${#targets[@]} -gt 0 ] || targets=(fuzz_options fuzz_payload_file fuzz_filter fuzz_rm fuzz_y4m fuzz_detect fuzz_api)
 
 . scripts/deps.sh
 ensure_build_deps

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,31 @@ TEST(Progress, FollowsWhetherStandardErrorIsATerminal) {
   for (int fd : {saved, slave, master}) close(fd);
   std::fclose(file);
   EXPECT_EQ(enabled, std::vector<bool>({true, false}));
+}
+
+// The summary replaces the drawn line (padded over it) and ends the line;
+// nothing follows it, and a disabled progress writes no summary.
+TEST(Progress, ReplacesTheLineAndEndsIt) {
+  char* buf = nullptr;
+  size_t len = 0;
+  FILE* out = open_memstream(&buf, &len);
+  ASSERT_NE(out, nullptr);
+  {
+    Progress p(out, true, fake_clock);
+    for (int i = 0; i < 35; ++i) p.frame_done(3'110'400);
+    g_now += 2'000'000'000;
+    p.frame_done(3'110'400);  // drawn: the interval has passed
+    p.summarize();
+    p.frame_done(1);
+    p.finish();
+  }
+  Progress(out, false, fake_clock).summarize();
+  std::fflush(out);
+  const std::string line = "\r36 frames  18.0 fps  56.0 MB/s  2.0 s";
+  const std::string summary = "\r36 frames in 2.0 s, 18.0 fps";
+  EXPECT_EQ(std::string(buf, len), line + summary + std::string(line.size() - summary.size(), ' ') + "\n");
+  std::fclose(out);
+  std::free(buf);
 }
 
 }  // namespace

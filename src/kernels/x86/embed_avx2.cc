@@ -25,6 +25,21 @@ inline uint32_t nonzero_bits(__m128i bytes, int32_t n) {
   return ~zero & ((1u << n) - 1);
 }
 
+// The random bytes of the superpixel at (x, y) of a frame_w x frame_h frame:
+// one generator output serves eight non-zero pattern bytes.
+inline void superpixel_noise(uint8_t* random, int32_t x, int32_t y, int32_t frame_w,
+                             int32_t frame_h, int32_t nonzero) {
+  const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
+                      (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
+                      static_cast<uint32_t>(wrap_add(x, 1));
+  Prng64 noise{};
+  prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
+  for (int32_t k = 0; k * 8 < nonzero; ++k) {
+    const uint64_t bytes = prng64_next_u64(&noise);
+    __builtin_memcpy(random + k * 8, &bytes, 8);
+  }
+}
+
 }  // namespace
 
 int32_t embed_superpixel_avx2(uint8_t* luma, const FrameGeometry* geometry, int32_t x, int32_t y,
@@ -65,15 +80,7 @@ int32_t embed_superpixel_avx2(uint8_t* luma, const FrameGeometry* geometry, int3
       const __m128i pat = load_row16(reinterpret_cast<const uint8_t*>(pattern) + r * sp_w, sp_w);
       nonzero += __builtin_popcount(nonzero_bits(pat, sp_w));
     }
-    const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
-                        (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
-                        static_cast<uint32_t>(wrap_add(x, 1));
-    Prng64 noise{};
-    prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
-    for (int32_t k = 0; k * 8 < nonzero; ++k) {
-      const uint64_t bytes = prng64_next_u64(&noise);
-      __builtin_memcpy(random + k * 8, &bytes, 8);
-    }
+    superpixel_noise(random, x, y, frame_w, frame_h, nonzero);
   }
 
   const __m256i k24 = _mm256_set1_epi16(24);
@@ -173,15 +180,7 @@ int32_t embed_superpixel_repeat_avx2(uint8_t* luma, const FrameGeometry* geometr
   }
   if (perceptual && rows > 0) {
     alignas(16) uint8_t random[(kMaxWidth * kMaxHeight / 8 + 2) * 8];
-    const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
-                        (static_cast<uint32_t>(geometry->width) ^ static_cast<uint32_t>(geometry->height)) ^
-                        static_cast<uint32_t>(wrap_add(x, 1));
-    Prng64 noise{};
-    prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
-    for (int32_t k = 0; k * 8 < nonzero; ++k) {
-      const uint64_t bytes = prng64_next_u64(&noise);
-      __builtin_memcpy(random + k * 8, &bytes, 8);
-    }
+    superpixel_noise(random, x, y, geometry->width, geometry->height, nonzero);
     const __m256i k24 = _mm256_set1_epi16(24);
     const __m256i k128 = _mm256_set1_epi16(128);
     int32_t rank = 0;
