@@ -88,20 +88,20 @@ void lm_element_class_init(GstElementClass* element_class, guint which) {
   for (guint i = 0; i < N_SETTINGS; i++) {
     const LmSetting* s = &settings[i];
     if (!(s->which & which)) continue;
-    GParamSpec* spec;
+    GParamSpec* property;
     switch (s->kind) {
       case LM_INT:
         /* The whole range: the library, not GObject, judges the value. */
-        spec = g_param_spec_int(s->name, s->name, s->blurb, G_MININT, G_MAXINT, default_int(s), flags);
+        property = g_param_spec_int(s->name, s->name, s->blurb, G_MININT, G_MAXINT, default_int(s), flags);
         break;
       case LM_FLAG:
-        spec = g_param_spec_boolean(s->name, s->name, s->blurb, default_int(s) != 0, flags);
+        property = g_param_spec_boolean(s->name, s->name, s->blurb, default_int(s) != 0, flags);
         break;
       default:
-        spec = g_param_spec_string(s->name, s->name, s->blurb, default_text(s), flags);
+        property = g_param_spec_string(s->name, s->name, s->blurb, default_text(s), flags);
         break;
     }
-    g_object_class_install_property(klass, i + 1, spec);
+    g_object_class_install_property(klass, i + 1, property);
   }
 }
 
