@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Demo: builds lumamark if needed, generates a synthetic 1080p clip,
-# watermarks it, encodes original and marked clip to MP4, measures the
-# quality of the marked luma against the original and draws the difference.
+# Demo: builds lumamark and lumamark-detect if needed, generates a synthetic
+# 1080p clip, watermarks it, encodes original and marked clip to MP4, reads
+# the mark back from the marked MP4, measures the quality of the marked luma
+# against the original and draws the difference.
 # Everything lands in out/ (not tracked by git).
 #
 # Settings through the environment: WIDTH, HEIGHT, FRAMES (default
@@ -30,11 +31,12 @@ if [ ! -f "$build/build.ninja" ]; then
   echo "Configuring $build/ (Release)" >&2
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 fi
-if [ ! -x "$build/lumamark" ] || [ ! -x "$build/lumamark-sample" ]; then
-  echo "Building lumamark and lumamark-sample in $build/" >&2
+if [ ! -x "$build/lumamark" ] || [ ! -x "$build/lumamark-detect" ] || [ ! -x "$build/lumamark-sample" ]; then
+  echo "Building lumamark, lumamark-detect and lumamark-sample in $build/" >&2
 fi
-cmake --build "$build" --target lumamark lumamark-sample >/dev/null
+cmake --build "$build" --target lumamark lumamark-detect lumamark-sample >/dev/null
 lumamark=$build/lumamark
+detect=$build/lumamark-detect
 sample=$build/lumamark-sample
 
 mkdir -p "$out"
@@ -60,6 +62,12 @@ for name in sample marked; do
     -c:v libx264 -preset fast -crf 18 -pix_fmt yuv420p -movflags +faststart "$out/$name.mp4"
 done
 echo "  mp4       $out/sample.mp4 ($(mb "$out/sample.mp4")) and $out/marked.mp4 ($(mb "$out/marked.mp4")), libx264 crf 18"
+
+# The mark read back from the marked MP4, decoded to raw frames: the
+# detector needs only the settings, not the original or the ID.
+found=$(ffmpeg -nostdin -v error -i "$out/marked.mp4" -frames:v 10 -f rawvideo -pix_fmt yuv420p - |
+  "$detect" --width "$width" --height "$height") || true
+echo "  detect    $out/marked.mp4: ${found:-no answer}"
 
 # Quality of the marked luma against the original, on the raw clips, from
 # ffmpeg's own psnr and ssim filters (averages over all frames).
