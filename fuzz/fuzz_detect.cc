@@ -30,18 +30,12 @@
 #include "cli/detect_cli.h"
 #include "decode/detector.h"
 #include "payload/wm_id.h"
+#include "fuzz_util.h"
 
 namespace {
 
-class NullBuffer : public std::streambuf {
- protected:
-  int overflow(int c) override { return c == traits_type::eof() ? 0 : c; }
-  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
-
-void check(bool ok) {
-  if (!ok) std::abort();
-}
+using lumamark::fuzz::NullBuffer;
+using lumamark::fuzz::check;
 
 constexpr size_t kMaxWords = 48;
 constexpr int64_t kMaxFuzzPixels = 256 * 256;

@@ -27,18 +27,12 @@
 #include "cli/options.h"
 #include "filter/filter.h"
 #include "payload/payload_map.h"
+#include "fuzz_util.h"
 
 namespace {
 
-class NullBuffer : public std::streambuf {
- protected:
-  int overflow(int c) override { return c == traits_type::eof() ? 0 : c; }
-  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
-
-void check(bool ok) {
-  if (!ok) std::abort();
-}
+using lumamark::fuzz::NullBuffer;
+using lumamark::fuzz::check;
 
 struct Settings {
   int32_t strength = 3;

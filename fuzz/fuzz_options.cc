@@ -15,16 +15,13 @@
 
 #include "cli/options.h"
 #include "kernels/intmath.h"
+#include "fuzz_util.h"
 
 namespace {
 
-// Swallows everything; keeps the usage and error texts off the terminal.
-class NullBuffer : public std::streambuf {
- protected:
-  int overflow(int c) override { return c == traits_type::eof() ? 0 : c; }
-  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
+using lumamark::fuzz::NullBuffer;
 
+// Swallows everything; keeps the usage and error texts off the terminal.
 constexpr size_t kMaxWords = 64;
 
 }  // namespace

@@ -22,14 +22,12 @@
 
 #include "cli/payload_file.h"
 #include "filter/filter.h"
+#include "fuzz_util.h"
 
 namespace {
 
-class NullBuffer : public std::streambuf {
- protected:
-  int overflow(int c) override { return c == traits_type::eof() ? 0 : c; }
-  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
+using lumamark::fuzz::NullBuffer;
+using lumamark::fuzz::check;
 
 // An in-memory file reachable by path, so the reader opens it like any file.
 struct MemFile {
@@ -60,10 +58,6 @@ struct MemFile {
 int32_t le32(const uint8_t* p) {
   return static_cast<int32_t>(uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16) |
                               (uint32_t{p[3]} << 24));
-}
-
-void check(bool ok) {
-  if (!ok) std::abort();
 }
 
 // Filter initialisation, payload and one frame, in the order of a run of the

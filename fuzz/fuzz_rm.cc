@@ -19,15 +19,14 @@
 
 #include "payload/fec.h"
 #include "payload/wm_id.h"
+#include "fuzz_util.h"
 
 namespace {
 
+using lumamark::fuzz::check;
+
 constexpr int64_t kChunk = 131072;
 constexpr uint64_t kLehmerModulus = 2147483647;
-
-void check(bool ok) {
-  if (!ok) std::abort();
-}
 
 // One block: k bit characters with redundancy r, written to places
 // first, first + stride, ... below L of out.

@@ -9,14 +9,9 @@
 #include <string>
 
 #include "cli/y4m.h"
+#include "fuzz_util.h"
 
-namespace {
-
-void check(bool ok) {
-  if (!ok) std::abort();
-}
-
-}  // namespace
+using lumamark::fuzz::check;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace lumamark;

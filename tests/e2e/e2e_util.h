@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -197,6 +198,14 @@ inline std::string read_file(const std::string& path) {
 }
 
 inline bool file_exists(const std::string& path) { return std::filesystem::exists(path); }
+
+// The ffmpeg on PATH, or "" when there is none (the tests that need it skip).
+inline std::string find_ffmpeg() {
+  std::stringstream dirs(std::getenv("PATH") ? std::getenv("PATH") : "");
+  for (std::string dir; std::getline(dirs, dir, ':');)
+    if (!dir.empty() && ::access((dir + "/ffmpeg").c_str(), X_OK) == 0) return dir + "/ffmpeg";
+  return "";
+}
 
 // Deterministic pseudo-random bytes, e.g. for raw frames.
 inline std::string random_bytes(size_t size, uint32_t seed) {

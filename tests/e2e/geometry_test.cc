@@ -19,13 +19,6 @@ namespace {
 
 constexpr int32_t kW = 640, kH = 360, kFrames = 3;
 
-std::string find_ffmpeg() {
-  std::stringstream dirs(std::getenv("PATH") ? std::getenv("PATH") : "");
-  for (std::string dir; std::getline(dirs, dir, ':');)
-    if (!dir.empty() && ::access((dir + "/ffmpeg").c_str(), X_OK) == 0) return dir + "/ffmpeg";
-  return "";
-}
-
 // JSON field of the detector's report ("" when absent).
 std::string field(const std::string& json, const std::string& name) {
   const size_t at = json.find("\"" + name + "\": ");

@@ -14,13 +14,6 @@
 namespace lumamark::test {
 namespace {
 
-std::string find_ffmpeg() {
-  std::stringstream dirs(std::getenv("PATH") ? std::getenv("PATH") : "");
-  for (std::string dir; std::getline(dirs, dir, ':');)
-    if (!dir.empty() && ::access((dir + "/ffmpeg").c_str(), X_OK) == 0) return dir + "/ffmpeg";
-  return "";
-}
-
 // Bounds: with the default settings (strength 3, perceptual mode 3, 7-pixel
 // superpixels, full density) the luma PSNR of these testsrc2 clips measures
 // 48.8 dB, and 50.0 dB for the border-activity case; the bounds sit about

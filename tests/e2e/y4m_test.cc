@@ -13,13 +13,6 @@
 namespace lumamark::test {
 namespace {
 
-std::string find_ffmpeg() {
-  std::stringstream dirs(std::getenv("PATH") ? std::getenv("PATH") : "");
-  for (std::string dir; std::getline(dirs, dir, ':');)
-    if (!dir.empty() && ::access((dir + "/ffmpeg").c_str(), X_OK) == 0) return dir + "/ffmpeg";
-  return "";
-}
-
 // A y4m stream split into its header, FRAME lines and frame bytes.
 struct Y4mParts {
   std::string header;
