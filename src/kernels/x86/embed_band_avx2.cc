@@ -265,40 +265,55 @@ void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t 
   }
 }
 
-// The random bytes of every embedded superpixel: as many generator outputs
-// of eight bytes each as its non-zero pattern bytes need, superpixel i at
-// rnd + i * slot.
-void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot) {
+// The random bytes of every embedded superpixel: steps generator outputs of
+// eight bytes each (enough for the superpixel with the most non-zero pattern
+// bytes; the others take a prefix of theirs), superpixel i at rnd + i * slot.
+void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot, int32_t steps) {
   const EmbedItem* src = b->items;
   const uint32_t frame = static_cast<uint32_t>(b->geometry->width) ^ static_cast<uint32_t>(b->geometry->height);
   const uint32_t row_bits = static_cast<uint32_t>(b->y) << 16;
   const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
   for (int32_t i0 = 0; i0 < b->count; i0 += 8) {
     const int32_t lanes = imin(8, b->count - i0);
-    int32_t steps = 0;
-    for (int32_t k = 0; k < lanes; ++k) {
-      if (src[i0 + k].pattern != nullptr) steps = imax(steps, (src[i0 + k].nonzero + 7) / 8);
+    if (lanes < 8) {
+      bool any = false;
+      for (int32_t k = 0; k < lanes; ++k) any = any || src[i0 + k].pattern != nullptr;
+      if (!any) continue;
     }
-    if (steps == 0) continue;
     // x + 1 of the eight superpixels, wrapping like the scalar seed.
     const uint32_t x1 = static_cast<uint32_t>(wrap_add(b->first_x + i0 * b->geometry->sp_w, 1));
     const __m256i xs = _mm256_add_epi32(_mm256_set1_epi32(static_cast<int32_t>(x1)),
                                         _mm256_mullo_epi32(lane, _mm256_set1_epi32(b->geometry->sp_w)));
     __m256i s0 = _mm256_xor_si256(_mm256_set1_epi32(static_cast<int32_t>(row_bits ^ frame)), xs);
     __m256i s1 = _mm256_xor_si256(s0, _mm256_set1_epi32(static_cast<int32_t>(0xacbdef01u)));
-    alignas(32) uint64_t out[8];
-    for (int32_t step = 0; step < steps; ++step) {
+    uint8_t* out = rnd + static_cast<ptrdiff_t>(i0) * slot;
+    for (int32_t step = 0; step < steps; ++step, out += 8) {
       const __m256i t = _mm256_xor_si256(s1, s0);
       const __m256i rot0 = _mm256_or_si256(_mm256_srli_epi32(s0, 6), _mm256_slli_epi32(s0, 26));
       s0 = _mm256_xor_si256(_mm256_xor_si256(rot0, t), _mm256_slli_epi32(t, 9));
       s1 = _mm256_or_si256(_mm256_srli_epi32(t, 19), _mm256_slli_epi32(t, 13));
-      // 64-bit words s0 | s1 << 32 in the order 0, 1, 4, 5, 2, 3, 6, 7.
-      _mm256_store_si256(reinterpret_cast<__m256i*>(out), _mm256_unpacklo_epi32(s0, s1));
-      _mm256_store_si256(reinterpret_cast<__m256i*>(out + 4), _mm256_unpackhi_epi32(s0, s1));
-      static constexpr int kWord[8] = {0, 1, 4, 5, 2, 3, 6, 7};
-      for (int32_t k = 0; k < lanes; ++k) {
-        std::memcpy(rnd + static_cast<ptrdiff_t>(i0 + k) * slot + step * 8, &out[kWord[k]], 8);
+      // 64-bit words s0 | s1 << 32 of lanes 0, 1, 4, 5 and of lanes 2, 3, 6, 7.
+      const __m256i lo = _mm256_unpacklo_epi32(s0, s1);
+      const __m256i hi = _mm256_unpackhi_epi32(s0, s1);
+      if (lanes == 8) {
+        const ptrdiff_t sl = slot;
+        const __m128i lo_hi = _mm256_extracti128_si256(lo, 1);
+        const __m128i hi_hi = _mm256_extracti128_si256(hi, 1);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(lo));
+        _mm_storeh_pd(reinterpret_cast<double*>(out + sl), _mm_castsi128_pd(_mm256_castsi256_si128(lo)));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 2 * sl), _mm256_castsi256_si128(hi));
+        _mm_storeh_pd(reinterpret_cast<double*>(out + 3 * sl), _mm_castsi128_pd(_mm256_castsi256_si128(hi)));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 4 * sl), lo_hi);
+        _mm_storeh_pd(reinterpret_cast<double*>(out + 5 * sl), _mm_castsi128_pd(lo_hi));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 6 * sl), hi_hi);
+        _mm_storeh_pd(reinterpret_cast<double*>(out + 7 * sl), _mm_castsi128_pd(hi_hi));
+        continue;
       }
+      alignas(32) uint64_t words[8];
+      _mm256_store_si256(reinterpret_cast<__m256i*>(words), lo);
+      _mm256_store_si256(reinterpret_cast<__m256i*>(words + 4), hi);
+      static constexpr int kWord[8] = {0, 1, 4, 5, 2, 3, 6, 7};
+      for (int32_t k = 0; k < lanes; ++k) std::memcpy(out + static_cast<ptrdiff_t>(k) * slot, &words[kWord[k]], 8);
     }
   }
 }
@@ -366,6 +381,21 @@ void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint
   }
 }
 
+// Adds the work rows of the used rows to the luma rows of the run.
+void apply_rows(const EmbedBand* b, const int32_t* used, int32_t used_count, const int16_t* amp_rows,
+                const uint8_t* rnd_rows, size_t cells, bool perceptual, int32_t n) {
+  const ptrdiff_t stride = b->geometry->stride;
+  for (int32_t u = 0; u < used_count; ++u) {
+    const int32_t r = used[u];
+    uint8_t* line = b->luma + (static_cast<ptrdiff_t>(b->y) + r) * stride + b->first_x;
+    const uint8_t* tex =
+        perceptual ? b->texture + (static_cast<ptrdiff_t>(b->y) + r) * b->geometry->width + b->first_x
+                   : nullptr;
+    apply_row(line, amp_rows + static_cast<size_t>(r) * cells, rnd_rows + static_cast<size_t>(r) * cells,
+              tex, n);
+  }
+}
+
 // What the row builder needs: the used rows and where their work rows lie.
 struct BuildRows {
   const EmbedItem* items;
@@ -420,6 +450,21 @@ void build_rows(const BuildRows& b) {
       const PreparedEntry* entries =
           b.prepared + (static_cast<ptrdiff_t>(set) * b.prepared_count + item.id) * b.chunks * b.sp_h;
       const int32_t which = item.value < 0 ? 1 : 0;
+      if (kNarrow) {
+        // One block of eight columns per row: entries are one per row.
+        for (int32_t u = 0; u < b.used_count; ++u) {
+          const PreparedEntry* e = entries + b.row[u];
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0),
+                           _mm_load_si128(reinterpret_cast<const __m128i*>(e->amp[which])));
+          if (kPerceptual) {
+            const __m128i picked =
+                _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + e->rank)),
+                                 _mm_load_si128(reinterpret_cast<const __m128i*>(e->shuffle)));
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0), picked);
+          }
+        }
+        continue;
+      }
       for (int32_t u = 0; u < b.used_count; ++u) {
         const PreparedEntry* e = entries + b.row[u] * b.chunks;
         for (int32_t c = 0; c < sp_w; c += 8, ++e) {
@@ -472,6 +517,59 @@ void build_rows(const BuildRows& b) {
   }
 }
 
+// Entries of no pattern: amplitude 0 in every row.
+alignas(64) constexpr uint8_t kNoEntries[kMaxSide * sizeof(PreparedEntry)] = {};
+
+// build_rows for patterns of at most eight columns, every one of them
+// prepared: the work rows are written a row at a time across the run, from
+// each superpixel's entry pointers worked out once. Returns false (having
+// written nothing) when some superpixel's pattern is not among the prepared
+// ones. entries and amps have room for count pointers each.
+template <bool kPerceptual>
+bool build_prepared_narrow(const BuildRows& b, const PreparedEntry** entries, const int16_t** amps) {
+  const int32_t count = b.count;
+  const int32_t sp_w = b.sp_w;
+  const int32_t sp_h = b.sp_h;
+  const int32_t prepared_count = b.prepared_count;
+  const PreparedEntry* const prepared = b.prepared;
+  const uint8_t* const bands = b.bands;
+  const PreparedEntry* const none = reinterpret_cast<const PreparedEntry*>(kNoEntries);
+  for (int32_t i = 0; i < count; ++i) {
+    const EmbedItem& item = b.items[i];
+    if (item.pattern == nullptr) {
+      entries[i] = none;
+      amps[i] = none->amp[0];
+      continue;
+    }
+    if (item.id < 0 || item.id >= prepared_count) return false;
+    const int32_t set = bands != nullptr ? bands[i] : 0;
+    const PreparedEntry* e = prepared + (static_cast<ptrdiff_t>(set) * prepared_count + item.id) * sp_h;
+    entries[i] = e;
+    amps[i] = e->amp[item.value < 0 ? 1 : 0];
+  }
+  constexpr ptrdiff_t kEntryWords = sizeof(PreparedEntry) / sizeof(int16_t);
+  const int32_t slot = b.slot;
+  for (int32_t u = 0; u < b.used_count; ++u) {
+    const int32_t r = b.row[u];
+    int16_t* amp = b.amp[u];
+    uint8_t* rnd = b.rnd[u];
+    const uint8_t* bytes = b.bytes;
+    const ptrdiff_t amp_at = r * kEntryWords;
+    for (int32_t i = 0; i < count; ++i, amp += sp_w, rnd += sp_w, bytes += slot) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp),
+                       _mm_load_si128(reinterpret_cast<const __m128i*>(amps[i] + amp_at)));
+      if (kPerceptual) {
+        const PreparedEntry* e = entries[i] + r;
+        const __m128i picked =
+            _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + e->rank)),
+                             _mm_load_si128(reinterpret_cast<const __m128i*>(e->shuffle)));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd), picked);
+      }
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 void embed_band_avx2(const EmbedBand* b) {
@@ -511,8 +609,11 @@ void embed_band_avx2(const EmbedBand* b) {
   // they are. Within those rows, a pattern row of zeros adds nothing and
   // takes no random byte, so every pattern is worked on over the same rows.
   uint64_t rows_used = 0;
+  int32_t most_nonzero = 0;
   for (int32_t i = 0; i < count; ++i) {
-    if (items[i].pattern != nullptr) rows_used |= items[i].row_mask;
+    if (items[i].pattern == nullptr) continue;
+    rows_used |= items[i].row_mask;
+    most_nonzero = imax(most_nonzero, items[i].nonzero);
   }
   int32_t used[kMaxSide];
   int32_t used_count = 0;
@@ -532,7 +633,7 @@ void embed_band_avx2(const EmbedBand* b) {
   }
   const __m128i shared_table = make_table(small);
   if (analyse) border_tables(b, tables, bands, bw, bh, sums);
-  if (perceptual) random_bytes(b, rnd, slot);
+  if (perceptual) random_bytes(b, rnd, slot, (most_nonzero + 7) / 8);
 
   BuildRows rows{};
   rows.items = items;
@@ -564,6 +665,19 @@ void embed_band_avx2(const EmbedBand* b) {
       if (analyse) rows.bands = bands;
     }
   }
+  if (rows.prepared != nullptr && sp_w <= 8) {
+    // Per-superpixel pointers go after the tables and bands.
+    const PreparedEntry** entries = reinterpret_cast<const PreparedEntry**>(
+        reinterpret_cast<uint8_t*>(tables) + static_cast<size_t>(count) * 32);
+    const int16_t** amps = reinterpret_cast<const int16_t**>(
+        reinterpret_cast<uint8_t*>(tables) + static_cast<size_t>(count) * 40);
+    const bool done = perceptual ? build_prepared_narrow<true>(rows, entries, amps)
+                                 : build_prepared_narrow<false>(rows, entries, amps);
+    if (done) {
+      apply_rows(b, used, used_count, amp_rows, rnd_rows, cells, perceptual, n);
+      return;
+    }
+  }
   if (identity) {
     if (perceptual) {
       sp_w <= 8 ? build_rows<true, true, true>(rows) : build_rows<true, true, false>(rows);
@@ -574,16 +688,7 @@ void embed_band_avx2(const EmbedBand* b) {
     sp_w <= 8 ? build_rows<false, false, true>(rows) : build_rows<false, false, false>(rows);
   }
 
-  const ptrdiff_t stride = b->geometry->stride;
-  for (int32_t u = 0; u < used_count; ++u) {
-    const int32_t r = used[u];
-    uint8_t* line = b->luma + (static_cast<ptrdiff_t>(b->y) + r) * stride + b->first_x;
-    const uint8_t* tex =
-        perceptual ? b->texture + (static_cast<ptrdiff_t>(b->y) + r) * b->geometry->width + b->first_x
-                   : nullptr;
-    apply_row(line, amp_rows + static_cast<size_t>(r) * cells, rnd_rows + static_cast<size_t>(r) * cells,
-              tex, n);
-  }
+  apply_rows(b, used, used_count, amp_rows, rnd_rows, cells, perceptual, n);
 }
 
 int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_t sp_w,

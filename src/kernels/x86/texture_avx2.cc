@@ -107,14 +107,20 @@ void texture_rows_avx2(const TextureRows* rows) {
   const int32_t end = rows->end_row > h ? h : rows->end_row;
   if (first >= end) return;
 
+  // The prefix sums have r + 16 zeros in front of prefix[0] and, past
+  // prefix[w], copies of it: a window cut by either end of the row is then
+  // summed like any other, as the difference of two prefix sums.
+  const size_t front = static_cast<size_t>(r) + 16;
+  const size_t prefix_cells = front + static_cast<size_t>(w) + 1 + static_cast<size_t>(r) + 32;
   const size_t cells = static_cast<size_t>(w) + 16;
-  uint16_t* scratch = static_cast<uint16_t*>(std::malloc(2 * cells * sizeof(uint16_t)));
+  uint16_t* scratch = static_cast<uint16_t*>(std::malloc((prefix_cells + cells) * sizeof(uint16_t)));
   if (scratch == nullptr) {
     texture_rows_direct(rows);
     return;
   }
-  uint16_t* prefix = scratch;
-  uint16_t* columns = scratch + cells;
+  for (size_t k = 0; k < front; ++k) scratch[k] = 0;
+  uint16_t* prefix = scratch + front;
+  uint16_t* columns = scratch + prefix_cells;
   const uint8_t* src = rows->src;
   const ptrdiff_t stride = rows->stride;
 
@@ -190,9 +196,8 @@ void texture_rows_avx2(const TextureRows* rows) {
       const __m256i v = _mm256_min_epu8(_mm256_adds_epu8(_mm256_adds_epu8(dh, dv), k7), cap8);
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + x), v);
     };
-    auto block16 = [&](int32_t x) {
-      __m256i mh, mv;
-      means(x, &mh, &mv);
+    // Sixteen columns from their means in 16-bit lanes.
+    auto finish16 = [&](int32_t x, __m256i mh, __m256i mv) {
       const __m256i p = load16_u8(row + x);
       const __m256i dh = _mm256_abs_epi16(_mm256_sub_epi16(mh, p));
       const __m256i dv = _mm256_abs_epi16(_mm256_sub_epi16(mv, p));
@@ -202,10 +207,44 @@ void texture_rows_avx2(const TextureRows* rows) {
       const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(v, v), 0x08);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), _mm256_castsi256_si128(packed));
     };
+    auto block16 = [&](int32_t x) {
+      __m256i mh, mv;
+      means(x, &mh, &mv);
+      finish16(x, mh, mv);
+    };
+
+    // Sixteen columns from x0 (0 <= x0 <= w - 16) whose horizontal windows
+    // may be cut by the row's ends: the window sums come from the padded
+    // prefix sums, and each column's rounded mean is divided by its own
+    // window size in single precision, which is exact here (the sum is at
+    // most 127 x 255 + 63 and the divisor at most 127, so a quotient that is
+    // not whole lies at least 1/127 from the next whole number, far more
+    // than the rounding error).
+    auto edge16 = [&](int32_t x0) {
+      const __m256i hi_edge = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(prefix + x0 + r + 1));
+      const __m256i lo_edge = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(prefix + x0 - r));
+      const __m256i sum = _mm256_sub_epi16(hi_edge, lo_edge);
+      const __m256i rv = _mm256_set1_epi32(r);
+      const __m256i last = _mm256_set1_epi32(w - 1);
+      auto half_mean = [&](__m256i sums, int32_t at) {
+        const __m256i x = _mm256_add_epi32(_mm256_set1_epi32(at), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        const __m256i s0 = _mm256_max_epi32(_mm256_sub_epi32(x, rv), _mm256_setzero_si256());
+        const __m256i e0 = _mm256_min_epi32(_mm256_add_epi32(x, rv), last);
+        const __m256i n = _mm256_add_epi32(_mm256_sub_epi32(e0, s0), _mm256_set1_epi32(1));
+        const __m256i rounded = _mm256_add_epi32(sums, _mm256_srli_epi32(n, 1));
+        return _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(rounded), _mm256_cvtepi32_ps(n)));
+      };
+      const __m256i mh_lo = half_mean(_mm256_cvtepu16_epi32(_mm256_castsi256_si128(sum)), x0);
+      const __m256i mh_hi = half_mean(_mm256_cvtepu16_epi32(_mm256_extracti128_si256(sum, 1)), x0 + 8);
+      const __m256i mh = _mm256_permute4x64_epi64(_mm256_packus_epi32(mh_lo, mh_hi), 0xD8);
+      const __m256i mv = rounded_mean(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns + x0)),
+                                      v_half, v_mul, v_shift);
+      finish16(x0, mh, mv);
+    };
 
     // The prefix sums run ahead of the columns being finished: columns
-    // x .. x + 31 need prefix[x - r .. x + 32 + r]. They are read a few
-    // blocks after they are stored, so that the loads find them in the
+    // x .. x + 31 need prefix[x - r .. x + 32 + r]. They are read at least
+    // kLag columns after they are stored, so that the loads find them in the
     // cache rather than still in the store buffer (loads that straddle
     // pending stores stall). Full windows lie in r <= x <= w - 1 - r.
     constexpr int32_t kLag = 64;
@@ -213,18 +252,29 @@ void texture_rows_avx2(const TextureRows* rows) {
     PrefixScan scan(row, prefix);
     int32_t scanned = 0;  // prefix[0 .. scanned] are known
     int32_t x = r;
-    for (; scanned + 16 <= w; scanned += 16) {
+    for (; scanned + 16 <= w && scanned < 2 * r + 32 + kLag; scanned += 16) scan.block(scanned);
+    // Two blocks of the scan, then one block of columns, kLag behind.
+    for (; scanned + 32 <= w && x + 32 <= inner_end; scanned += 32, x += 32) {
       scan.block(scanned);
-      if (x + 32 <= inner_end && x + 32 + r + kLag <= scanned + 16) {
-        block32(x);
-        x += 32;
-      }
+      scan.block(scanned + 16);
+      block32(x);
     }
+    for (; scanned + 16 <= w; scanned += 16) scan.block(scanned);
     scan.tail(scanned, w);
+    for (int32_t k = 1; k <= r + 16; ++k) prefix[w + k] = prefix[w];
     for (; x + 32 <= inner_end; x += 32) block32(x);
     for (; x + 16 <= inner_end; x += 16) block16(x);
-    for (int32_t c = 0; c < r && c < w; ++c) single(c);
-    for (x = x > r ? x : r; x < w; ++x) single(x);
+    if (w < 16) {
+      for (int32_t c = 0; c < w; ++c) single(c);
+      continue;
+    }
+    // Columns [0, r) and [x, w) remain.
+    for (int32_t c = 0; c < r && c < w; c += 16) edge16(c < w - 16 ? c : w - 16);
+    while (x < w) {
+      const int32_t at = x < w - 16 ? x : w - 16;
+      edge16(at);
+      x = at + 16;
+    }
   }
   std::free(scratch);
 }
