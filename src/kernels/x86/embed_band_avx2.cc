@@ -327,57 +327,48 @@ inline __m128i load_pattern8(const int8_t* p, int32_t avail) {
 }
 
 // luma[x] += change for one row of n pixels; perceptual rows weigh the
-// amplitude by the random byte and the texture.
+// amplitude by the random byte and the texture. The work rows may be read
+// past n (they have room); the luma and texture rows may not.
 void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint8_t* tex, int32_t n) {
-  int32_t x = 0;
-  if (tex != nullptr) {
-    const __m256i k24 = _mm256_set1_epi16(24);
-    const __m256i k128 = _mm256_set1_epi16(128);
-    auto change = [&](int32_t at) {
-      const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp + at));
-      const __m256i r = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd + at)));
-      const __m256i t = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(tex + at)));
-      const __m256i weight = _mm256_add_epi16(_mm256_add_epi16(r, k128), _mm256_mullo_epi16(t, k24));
-      const __m256i mag = _mm256_abs_epi16(a);
-      // (|a| x weight) >> 10 from the two halves of the 32-bit product.
-      const __m256i lo = _mm256_mullo_epi16(mag, weight);
-      const __m256i hi = _mm256_mulhi_epu16(mag, weight);
-      const __m256i q = _mm256_or_si256(_mm256_srli_epi16(lo, 10), _mm256_slli_epi16(hi, 6));
-      const __m256i d = _mm256_sign_epi16(q, a);
-      const __m256i old = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(luma + at)));
-      return _mm256_add_epi16(old, d);
-    };
-    for (; x + 32 <= n; x += 32) {
-      const __m256i v = _mm256_packus_epi16(change(x), change(x + 16));
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(luma + x), _mm256_permute4x64_epi64(v, 0xD8));
-    }
-    for (; x + 16 <= n; x += 16) {
-      const __m256i v = _mm256_permute4x64_epi64(_mm256_packus_epi16(change(x), change(x)), 0x08);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(luma + x), _mm256_castsi256_si128(v));
-    }
-    for (; x < n; ++x) {
-      const int32_t a = amp[x];
-      if (a == 0) continue;
-      const int32_t d = a * (rnd[x] + 24 * tex[x] + 128) / 1024;
-      luma[x] = static_cast<uint8_t>(iclamp(luma[x] + d, 0, 255));
-    }
-    return;
-  }
-  auto plain = [&](int32_t at) {
+  const __m256i k24 = _mm256_set1_epi16(24);
+  const __m256i k128 = _mm256_set1_epi16(128);
+  // New samples of sixteen pixels from their old samples and, in perceptual
+  // rows, texture bytes (16-bit lanes).
+  auto change = [&](int32_t at, __m256i old, __m256i t) {
     const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp + at));
-    const __m256i old = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(luma + at)));
-    return _mm256_add_epi16(old, a);
+    if (tex == nullptr) return _mm256_add_epi16(old, a);
+    const __m256i r = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd + at)));
+    const __m256i weight = _mm256_add_epi16(_mm256_add_epi16(r, k128), _mm256_mullo_epi16(t, k24));
+    const __m256i mag = _mm256_abs_epi16(a);
+    // (|a| x weight) >> 10 from the two halves of the 32-bit product.
+    const __m256i lo = _mm256_mullo_epi16(mag, weight);
+    const __m256i hi = _mm256_mulhi_epu16(mag, weight);
+    const __m256i q = _mm256_or_si256(_mm256_srli_epi16(lo, 10), _mm256_slli_epi16(hi, 6));
+    return _mm256_add_epi16(old, _mm256_sign_epi16(q, a));
   };
+  auto load16 = [](const uint8_t* p) {
+    return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+  };
+  auto whole16 = [&](int32_t at) {
+    return change(at, load16(luma + at), tex != nullptr ? load16(tex + at) : _mm256_setzero_si256());
+  };
+  int32_t x = 0;
   for (; x + 32 <= n; x += 32) {
-    const __m256i v = _mm256_packus_epi16(plain(x), plain(x + 16));
+    const __m256i v = _mm256_packus_epi16(whole16(x), whole16(x + 16));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(luma + x), _mm256_permute4x64_epi64(v, 0xD8));
   }
-  for (; x + 16 <= n; x += 16) {
-    const __m256i v = _mm256_permute4x64_epi64(_mm256_packus_epi16(plain(x), plain(x)), 0x08);
+  if (x + 16 <= n) {
+    const __m256i v = _mm256_permute4x64_epi64(_mm256_packus_epi16(whole16(x), whole16(x)), 0x08);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(luma + x), _mm256_castsi256_si128(v));
+    x += 16;
   }
-  for (; x < n; ++x) {
-    if (amp[x] != 0) luma[x] = static_cast<uint8_t>(iclamp(luma[x] + amp[x], 0, 255));
+  if (x < n) {
+    // The last pixels: only they are loaded and stored.
+    const int32_t rest = n - x;
+    const __m256i old = _mm256_cvtepu8_epi16(load_row16(luma + x, rest));
+    const __m256i t = tex != nullptr ? _mm256_cvtepu8_epi16(load_row16(tex + x, rest)) : _mm256_setzero_si256();
+    const __m256i v = _mm256_permute4x64_epi64(_mm256_packus_epi16(change(x, old, t), old), 0x08);
+    store_row16(luma + x, _mm256_castsi256_si128(v), rest);
   }
 }
 
