@@ -219,6 +219,15 @@ void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t 
     const __m256i left_cols = _mm256_cmpgt_epi32(_mm256_set1_epi32(2 * bw), lane);
     const __m256i right_cols =
         _mm256_andnot_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(sp_w - 2 * bw), lane), all_cols);
+    // Strip sizes of the four sums, as numbers and in single precision: the
+    // truncated mean sum / n is exact by division in single precision (the
+    // sum is at most 255 n with n below 2^16, so a quotient that is not
+    // whole lies at least 1/n from the next whole number, far more than the
+    // rounding error).
+    const __m128i sizes = _mm_setr_epi32(static_cast<int32_t>(wide), static_cast<int32_t>(wide),
+                                         static_cast<int32_t>(tall), static_cast<int32_t>(tall));
+    const __m128 sizes_f = _mm_cvtepi32_ps(sizes);
+    const bool exact = wide < 65536 && tall < 65536;
     alignas(32) uint32_t strip[8];
     for (int32_t i = 0; i < b->count; ++i) {
       if (b->items[i].pattern == nullptr) continue;
@@ -237,6 +246,20 @@ void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t 
       const __m256i q = _mm256_hadd_epi32(_mm256_hadd_epi32(t2, b2), _mm256_hadd_epi32(l2, r2));
       const __m256i sums4 = _mm256_add_epi32(_mm256_permute2x128_si256(p, q, 0x20),
                                              _mm256_permute2x128_si256(p, q, 0x31));
+      if (exact) {
+        // The four deviations at once: squares - 2 mean sum + n mean^2,
+        // wrapping like the scalar sums; then the smallest, as signed numbers.
+        const __m128i sum = _mm256_castsi256_si128(sums4);
+        const __m128i squares = _mm256_extracti128_si256(sums4, 1);
+        const __m128i mean = _mm_cvttps_epi32(_mm_div_ps(_mm_cvtepi32_ps(sum), sizes_f));
+        const __m128i ssd = _mm_sub_epi32(_mm_add_epi32(squares, _mm_mullo_epi32(sizes, _mm_mullo_epi32(mean, mean))),
+                                          _mm_slli_epi32(_mm_mullo_epi32(mean, sum), 1));
+        const __m128i m2 = _mm_min_epi32(ssd, _mm_shuffle_epi32(ssd, 0x4E));
+        const __m128i m1 = _mm_min_epi32(m2, _mm_shuffle_epi32(m2, 0xB1));
+        bands[i] = static_cast<uint8_t>(BorderTables::band_of(_mm_cvtsi128_si32(m1)));
+        tables[i] = kBorderTables.at(bands[i]);
+        continue;
+      }
       _mm256_store_si256(reinterpret_cast<__m256i*>(strip), sums4);
       bands[i] = static_cast<uint8_t>(table_of(strip));
       tables[i] = kBorderTables.at(bands[i]);
