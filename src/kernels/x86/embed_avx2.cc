@@ -5,6 +5,7 @@
 #include <immintrin.h>
 
 #include <cstddef>
+#include <cstring>
 
 #include "kernels/embed.h"
 #include "kernels/intmath.h"
@@ -253,6 +254,247 @@ int32_t embed_superpixel_repeat_avx2(uint8_t* luma, const FrameGeometry* geometr
     store_row16(line, _mm256_castsi256_si128(packed), sp_w);
   }
   return signal;
+}
+
+}  // namespace lumamark
+
+namespace lumamark {
+
+// The repeated embedding of a run of superpixels, one pass at a time across
+// the whole run: each pixel row of the run is worked on sixteen pixels per
+// step, every pixel in its own 16-bit lane, with the amplitude of each
+// superpixel's pass spread over its columns (0 for superpixels that are done).
+// Outside border-activity mode every pass of a superpixel changes the same
+// pixels, with the same random bytes, so each pixel's weight is worked out
+// once: the random byte plus 128 plus 24 times the texture in perceptual mode,
+// 1024 otherwise (so that (amplitude x weight) >> 10 is the amplitude), and 0
+// where the pattern byte is 0. After each pass the changes of every superpixel
+// are summed and its next pass decided, as embed_superpixel_repeat does.
+void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
+  const FrameGeometry* g = run->geometry;
+  const int32_t sp_w = g->sp_w;
+  const int32_t sp_h = g->sp_h;
+  const int32_t count = run->count;
+  const int32_t pm_mode = run->pm_mode;
+  if (count < 1) return;
+  if (sp_w < 1 || sp_w > kMaxWidth || sp_h < 1 || sp_h > kMaxHeight || pm_mode == 2) {
+    for (int32_t i = 0; i < count; ++i) {
+      const RepeatItem& item = run->items[i];
+      int32_t signal = 0;
+      if (item.pattern != nullptr) {
+        signal = embed_superpixel_repeat_avx2(run->luma, g, run->first_x + i * sp_w, run->y, item.value,
+                                              item.pattern, run->texture, pm_mode, run->strength,
+                                              item.target, reinterpret_cast<int8_t*>(run->scratch));
+      }
+      if (run->signals != nullptr) run->signals[i] = signal;
+    }
+    return;
+  }
+  const bool perceptual = pm_mode == 3 && run->texture != nullptr;
+  // The attenuation table outside border-activity mode: the identity for
+  // modes 0 and 3, amplitude 1 for all others.
+  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  if (pm_mode != 0 && pm_mode != 3) {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  }
+
+  const int32_t n = count * sp_w;  // pixels of the run, at most the frame width
+  const size_t lanes = static_cast<size_t>(n) + 64;
+  uint8_t* rnd8 = run->scratch;                                             // sp_h rows
+  uint8_t* live8 = rnd8 + static_cast<size_t>(sp_h) * lanes;                // sp_h rows
+  int16_t* w16 = reinterpret_cast<int16_t*>(live8 + static_cast<size_t>(sp_h) * lanes);  // sp_h rows
+  int16_t* amp16 = w16 + static_cast<size_t>(sp_h) * lanes;
+  int16_t* sum16 = amp16 + lanes;
+  int32_t* level = reinterpret_cast<int32_t*>(sum16 + lanes);  // a of the next pass
+  int32_t* state = level + count;                              // 1 alive, 2 going
+  int32_t* sums = state + count;                               // sum of the last pass
+
+  // Per superpixel and pixel row: which pixels change and their random bytes.
+  alignas(16) uint8_t random[(kMaxWidth * kMaxHeight / 8 + 2) * 8] = {};
+  const int32_t area = sp_w * sp_h;
+  uint64_t used_rows = 0;
+  int32_t going = 0;
+  const __m128i minus1 = _mm_set1_epi8(-1);
+  for (int32_t i = 0; i < count; ++i) {
+    const RepeatItem& item = run->items[i];
+    const size_t x = static_cast<size_t>(i) * sp_w;
+    sums[i] = 0;
+    if (item.pattern == nullptr) {
+      state[i] = 0;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x), _mm_setzero_si128());
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), _mm_setzero_si128());
+      }
+      continue;
+    }
+    state[i] = 3;
+    level[i] = item.value;
+    ++going;
+    const uint8_t* pattern = reinterpret_cast<const uint8_t*>(item.pattern);
+    uint32_t bits[kMaxHeight];
+    int32_t nonzero = 0;
+    if (area >= 16 && area <= 64) {
+      // The whole pattern's non-zero bytes as one mask, from sixteen bytes
+      // at a time (the last sixteen may overlap the ones before).
+      uint64_t mask = 0;
+      int32_t at = 0;
+      for (; at + 16 <= area; at += 16) {
+        mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at)), 16)} << at;
+      }
+      if (at < area) {
+        mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + area - 16)), 16)}
+                << (area - 16);
+      }
+      nonzero = __builtin_popcountll(mask);
+      const uint64_t row_bits = (uint64_t{1} << sp_w) - 1;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        bits[r] = static_cast<uint32_t>((mask >> (r * sp_w)) & row_bits);
+        used_rows |= uint64_t{bits[r] != 0} << r;
+      }
+    } else {
+      for (int32_t r = 0; r < sp_h; ++r) {
+        const int32_t at = r * sp_w;
+        const __m128i pat = at + 16 <= area ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at))
+                                            : load_row16(pattern + at, sp_w);
+        bits[r] = nonzero_bits(pat, sp_w);
+        nonzero += __builtin_popcount(bits[r]);
+        used_rows |= uint64_t{bits[r] != 0} << r;
+      }
+    }
+    if (perceptual) superpixel_noise(random, run->first_x + static_cast<int32_t>(x), run->y, g->width, g->height, nonzero);
+    int32_t rank = 0;
+    for (int32_t r = 0; r < sp_h; ++r) {
+      const uint32_t nz = bits[r];
+      const __m128i e_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz & 0xFF]));
+      __m128i live = _mm_cmpgt_epi8(e_lo, minus1);
+      __m128i rnd = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_lo);
+      rank += __builtin_popcount(nz & 0xFF);
+      if (sp_w > 8) {
+        const __m128i e_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz >> 8]));
+        live = _mm_unpacklo_epi64(live, _mm_cmpgt_epi8(e_hi, minus1));
+        rnd = _mm_unpacklo_epi64(
+            rnd, _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_hi));
+        rank += __builtin_popcount(nz >> 8);
+      }
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x), rnd);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), live);
+    }
+  }
+  if (going == 0) {
+    if (run->signals != nullptr) {
+      for (int32_t i = 0; i < count; ++i) run->signals[i] = 0;
+    }
+    return;
+  }
+
+  // The weight of every pixel of the rows that change. Lanes past the run
+  // weigh 0.
+  const __m256i k24 = _mm256_set1_epi16(24);
+  const __m256i k128 = _mm256_set1_epi16(128);
+  const __m256i k1024 = _mm256_set1_epi16(1024);
+  for (int32_t r = 0; r < sp_h; ++r) {
+    if ((used_rows >> r & 1) == 0) continue;
+    uint8_t* rnd_row = rnd8 + r * lanes;
+    uint8_t* live_row = live8 + r * lanes;
+    std::memset(rnd_row + n, 0, 32);
+    std::memset(live_row + n, 0, 32);
+    const uint8_t* tex_row = perceptual ? run->texture + (static_cast<ptrdiff_t>(run->y) + r) * g->width + run->first_x
+                                        : nullptr;
+    int16_t* w_row = w16 + r * lanes;
+    for (int32_t x = 0; x < n; x += 16) {
+      const __m256i live = _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(live_row + x)));
+      __m256i w = k1024;
+      if (perceptual) {
+        const __m256i rnd = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd_row + x)));
+        const __m128i t8 = x + 16 <= n ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(tex_row + x))
+                                       : load_row16(tex_row + x, n - x);
+        w = _mm256_add_epi16(_mm256_add_epi16(rnd, k128), _mm256_mullo_epi16(_mm256_cvtepu8_epi16(t8), k24));
+      }
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(w_row + x), _mm256_and_si256(w, live));
+    }
+  }
+
+  const __m256i k255 = _mm256_set1_epi16(255);
+  const __m256i zero16 = _mm256_setzero_si256();
+  const __m256i ones16 = _mm256_set1_epi16(1);
+  const __m256i first_w = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(sp_w)),
+                                             _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
+  auto magnitude = [](int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : static_cast<int64_t>(v); };
+  while (going > 0) {
+    // This pass's signed amplitude of every superpixel, over its columns.
+    for (int32_t i = 0; i < count; ++i) {
+      int32_t sa = 0;
+      if ((state[i] & 2) != 0) {
+        const int32_t a = level[i];
+        const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
+        if (amp == 0) state[i] &= ~1;  // a low byte of 0 zeroes the pattern for good
+        if ((state[i] & 1) != 0) {
+          int32_t eff = amp;
+          if (eff >= 0 && eff <= 7) eff = imin(eff, small[eff]);
+          sa = a < 0 ? -eff : eff;
+        }
+      }
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + static_cast<size_t>(i) * sp_w),
+                          _mm256_set1_epi16(static_cast<int16_t>(sa)));
+    }
+    for (int32_t x = 0; x < n + 16; x += 16) {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), zero16);
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + n), zero16);
+    for (int32_t r = 0; r < sp_h; ++r) {
+      if ((used_rows >> r & 1) == 0) continue;
+      uint8_t* line = run->luma + (static_cast<ptrdiff_t>(run->y) + r) * g->stride + run->first_x;
+      const int16_t* w_row = w16 + r * lanes;
+      for (int32_t x = 0; x < n; x += 16) {
+        const __m256i sa = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp16 + x));
+        if (_mm256_testz_si256(sa, sa)) continue;
+        const bool full = x + 16 <= n;
+        const __m256i old = _mm256_cvtepu8_epi16(
+            full ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(line + x)) : load_row16(line + x, n - x));
+        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w_row + x));
+        const __m256i mag = _mm256_abs_epi16(sa);
+        // (|a| x weight) >> 10 from the two halves of the 32-bit product,
+        // then the sign of a: the division truncates toward zero.
+        const __m256i q = _mm256_or_si256(_mm256_srli_epi16(_mm256_mullo_epi16(mag, w), 10),
+                                          _mm256_slli_epi16(_mm256_mulhi_epu16(mag, w), 6));
+        const __m256i now =
+            _mm256_max_epi16(_mm256_min_epi16(_mm256_add_epi16(old, _mm256_sign_epi16(q, sa)), k255), zero16);
+        // At most 64 rows of changes of at most 255 per lane: no 16-bit overflow.
+        __m256i* sum = reinterpret_cast<__m256i*>(sum16 + x);
+        _mm256_storeu_si256(sum, _mm256_add_epi16(_mm256_loadu_si256(sum), _mm256_sub_epi16(now, old)));
+        const __m128i packed = _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi16(now, now), 0x08));
+        if (full) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(line + x), packed);
+        } else {
+          store_row16(line + x, packed, n - x);
+        }
+      }
+    }
+    // Each superpixel's sum, and whether it takes another pass.
+    going = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      if ((state[i] & 2) == 0) continue;
+      // The superpixel's sp_w columns of the sixteen from its first on.
+      const __m256i columns = _mm256_and_si256(
+          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + static_cast<size_t>(i) * sp_w)), first_w);
+      const __m256i wide = _mm256_madd_epi16(columns, ones16);
+      __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
+      s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
+      s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
+      const int32_t signal = _mm_cvtsi128_si32(s4);
+      const int32_t a = level[i];
+      level[i] = a < 0 ? wrap_sub(a, 1) : wrap_add(a, 1);
+      sums[i] = signal;
+      if (magnitude(level[i]) >= run->strength || run->items[i].target <= magnitude(signal)) {
+        state[i] &= ~2;
+      } else {
+        ++going;
+      }
+    }
+  }
+  if (run->signals != nullptr) {
+    for (int32_t i = 0; i < count; ++i) run->signals[i] = sums[i];
+  }
 }
 
 }  // namespace lumamark
