@@ -30,13 +30,16 @@ inline uint32_t nonzero_bits(__m128i bytes, int32_t n) {
 // one generator output serves eight non-zero pattern bytes.
 inline void superpixel_noise(uint8_t* random, int32_t x, int32_t y, int32_t frame_w,
                              int32_t frame_h, int32_t nonzero) {
-  const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
-                      (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
-                      static_cast<uint32_t>(wrap_add(x, 1));
-  Prng64 noise{};
-  prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
+  // prng64_seed and prng64_next, with the state kept in registers.
+  uint32_t s0 = (static_cast<uint32_t>(y) << 16) ^
+                (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
+                static_cast<uint32_t>(wrap_add(x, 1));
+  uint32_t s1 = s0 ^ 0xacbdef01u;
   for (int32_t k = 0; k * 8 < nonzero; ++k) {
-    const uint64_t bytes = prng64_next_u64(&noise);
+    const uint32_t t = s1 ^ s0;
+    s0 = rotr32(s0, 6) ^ t ^ (t << 9);
+    s1 = rotr32(t, 19);
+    const uint64_t bytes = static_cast<uint64_t>(s0) | (static_cast<uint64_t>(s1) << 32);
     __builtin_memcpy(random + k * 8, &bytes, 8);
   }
 }
@@ -314,6 +317,11 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
   const int32_t area = sp_w * sp_h;
   uint64_t used_rows = 0;
   int32_t going = 0;
+  // Superpixels of at most 64 pixels and 8 columns: one mask for the whole
+  // pattern, one table row per pixel row. any_mask gathers their masks.
+  const bool whole_mask = area >= 16 && area <= 64 && sp_w <= 8;
+  const uint64_t row_bits = (uint64_t{1} << sp_w) - 1;
+  uint64_t any_mask = 0;
   const __m128i minus1 = _mm_set1_epi8(-1);
   for (int32_t i = 0; i < count; ++i) {
     const RepeatItem& item = run->items[i];
@@ -331,9 +339,8 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
     level[i] = item.value;
     ++going;
     const uint8_t* pattern = reinterpret_cast<const uint8_t*>(item.pattern);
-    uint32_t bits[kMaxHeight];
-    int32_t nonzero = 0;
-    if (area >= 16 && area <= 64) {
+    const int32_t sx = run->first_x + static_cast<int32_t>(x);
+    if (whole_mask) {
       // The whole pattern's non-zero bytes as one mask, from sixteen bytes
       // at a time (the last sixteen may overlap the ones before).
       uint64_t mask = 0;
@@ -345,23 +352,37 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
         mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + area - 16)), 16)}
                 << (area - 16);
       }
-      nonzero = __builtin_popcountll(mask);
-      const uint64_t row_bits = (uint64_t{1} << sp_w) - 1;
+      any_mask |= mask;
+      if (perceptual) superpixel_noise(random, sx, run->y, g->width, g->height, __builtin_popcountll(mask));
+      int32_t rank = 0;
+      uint8_t* rnd_at = rnd8 + x;
+      uint8_t* live_at = live8 + x;
       for (int32_t r = 0; r < sp_h; ++r) {
-        bits[r] = static_cast<uint32_t>((mask >> (r * sp_w)) & row_bits);
-        used_rows |= uint64_t{bits[r] != 0} << r;
+        const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
+        mask >>= sp_w;
+        const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(live_at), _mm_cmpgt_epi8(e, minus1));
+        if (perceptual) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd_at),
+                           _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e));
+          rank += __builtin_popcount(nz);
+        }
+        rnd_at += lanes;
+        live_at += lanes;
       }
-    } else {
-      for (int32_t r = 0; r < sp_h; ++r) {
-        const int32_t at = r * sp_w;
-        const __m128i pat = at + 16 <= area ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at))
-                                            : load_row16(pattern + at, sp_w);
-        bits[r] = nonzero_bits(pat, sp_w);
-        nonzero += __builtin_popcount(bits[r]);
-        used_rows |= uint64_t{bits[r] != 0} << r;
-      }
+      continue;
     }
-    if (perceptual) superpixel_noise(random, run->first_x + static_cast<int32_t>(x), run->y, g->width, g->height, nonzero);
+    uint32_t bits[kMaxHeight];
+    int32_t nonzero = 0;
+    for (int32_t r = 0; r < sp_h; ++r) {
+      const int32_t at = r * sp_w;
+      const __m128i pat = at + 16 <= area ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at))
+                                          : load_row16(pattern + at, sp_w);
+      bits[r] = nonzero_bits(pat, sp_w);
+      nonzero += __builtin_popcount(bits[r]);
+      used_rows |= uint64_t{bits[r] != 0} << r;
+    }
+    if (perceptual) superpixel_noise(random, sx, run->y, g->width, g->height, nonzero);
     int32_t rank = 0;
     for (int32_t r = 0; r < sp_h; ++r) {
       const uint32_t nz = bits[r];
@@ -379,6 +400,9 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
       _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x), rnd);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), live);
     }
+  }
+  for (int32_t r = 0; whole_mask && r < sp_h; ++r) {
+    used_rows |= uint64_t{((any_mask >> (r * sp_w)) & row_bits) != 0} << r;
   }
   if (going == 0) {
     if (run->signals != nullptr) {
