@@ -164,7 +164,7 @@ bool embed_repeat_runs(EmbedTask* t) {
   if (scratch_bytes < 0) return false;
   uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
   RepeatItem* items = static_cast<RepeatItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(RepeatItem)));
-  int32_t* signals = static_cast<int32_t*>(std::malloc(static_cast<size_t>(cols) * sizeof(int32_t)));
+  int32_t* signals = static_cast<int32_t*>(std::malloc(static_cast<size_t>(cols) * 2 * sizeof(int32_t)));
   // For each kind of row zone, the bank offset of every column's class and
   // variant at level 0.
   ptrdiff_t* first_pattern = static_cast<ptrdiff_t*>(std::malloc(static_cast<size_t>(cols) * 3 * sizeof(ptrdiff_t)));
@@ -193,6 +193,7 @@ bool embed_repeat_runs(EmbedTask* t) {
     }
   }
   const KernelTable& k = kernels();
+  int32_t* measured_here = signals + cols;
   for (int32_t i = t->first; i < t->end;) {
     const int32_t sy = i / cols;
     if (sy >= t->rows) break;
@@ -201,6 +202,13 @@ bool embed_repeat_runs(EmbedTask* t) {
     const int32_t count = run_end - i;
     const ptrdiff_t* first_of = first_pattern + zone_of(sy, t->rows / 4, t->rows) * cols + sx0;
     const int32_t y = sy * g.sp_h;
+    if (t->measures == nullptr && t->measure_in_place != 0) {
+      // The targets of the run, before any of its pixels change: each
+      // superpixel's measure reads only its own pixels, and the row pitch
+      // (the frame width) is the stride.
+      k.measure_grid(t->luma + static_cast<ptrdiff_t>(y) * g.stride + static_cast<ptrdiff_t>(sx0) * g.sp_w, count,
+                     1, measured_here, g.stride, g.sp_w, g.sp_h, g.border_w, g.border_h);
+    }
     for (int32_t j = 0; j < count; ++j) {
       RepeatItem& item = items[j];
       if (t->selection[i + j] != 1) {
@@ -208,14 +216,12 @@ bool embed_repeat_runs(EmbedTask* t) {
         continue;
       }
       const uint8_t byte = t->map[i + j];
-      // The target is the superpixel's measure before embedding. Measured
-      // here, it reads only this superpixel's own pixels, which nothing has
-      // changed yet (and the row pitch, the frame width, is the stride).
+      // The target is the superpixel's measure before embedding.
       int32_t measured = 0;
       if (t->measures != nullptr) {
         measured = t->measures[i + j];
       } else if (t->measure_in_place != 0) {
-        measured = k.signal_measure(t->luma, &g, (sx0 + j) * g.sp_w, y);
+        measured = measured_here[j];
       }
       item = RepeatItem{t->bank + first_of[j] + level_offset[byte], wrap_sub(byte, t->strength),
                         magnitude(measured)};
@@ -351,19 +357,19 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
                     static_cast<uint32_t>(settings->seed), pm_mode != 3);
 
   // The deep-fake targets are measured on the untouched frame, with the frame
-  // width as the row pitch: the whole grid first, with the grid kernel. When
-  // the work space cannot be had and the width is the stride, a superpixel's
-  // measure reads only its own pixels, and the worker that embeds it
-  // measures it right before.
+  // width as the row pitch. When the width is the stride, a superpixel's
+  // measure reads only its own pixels, so the worker that embeds it measures
+  // it right before, on its own thread. Otherwise the whole grid is measured
+  // first, with the grid kernel.
   int32_t* measures = nullptr;
   int32_t measure_in_place = 0;
-  if (deep_fake != 0) {
+  if (deep_fake != 0 && width == stride) {
+    measure_in_place = 1;
+  } else if (deep_fake != 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
     if (measures != nullptr) {
       kernels().measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
                              geometry->border_h);
-    } else {
-      measure_in_place = width == stride ? 1 : 0;
     }
   }
 
