@@ -87,7 +87,8 @@ struct EmbedRepeatRun {
   int32_t pm_mode;                // perceptual mode
   int32_t strength;               // the magnitude at which the passes stop
   int32_t* signals;               // count sums of the last pass (0 where left alone), or null
-  uint8_t* scratch;               // embed_repeat_run_scratch_bytes(sp_w, sp_h, count) bytes
+  uint8_t* scratch;               // embed_repeat_run_scratch_bytes(sp_w, sp_h, count) bytes,
+                                  // aligned for 64-bit values (as malloc gives them)
 };
 
 // Same planes and sums as embed_superpixel_repeat(luma, geometry, first_x +

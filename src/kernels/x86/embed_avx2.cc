@@ -44,6 +44,59 @@ inline void superpixel_noise(uint8_t* random, int32_t x, int32_t y, int32_t fram
   }
 }
 
+// Bytes of random numbers kept per superpixel of a run whose patterns have at
+// most 64 bytes: eight generator outputs, and room for a sixteen-byte read
+// from any of them.
+constexpr size_t kNoiseSlot = 80;
+
+inline __m256i rotr_lanes(__m256i v, int n) {
+  return _mm256_or_si256(_mm256_srli_epi32(v, n), _mm256_slli_epi32(v, 32 - n));
+}
+
+// The random bytes of the count superpixels of a run (superpixel i at column
+// first_x + i x sp_w, row y), each with as many generator outputs as its
+// mask's non-zero bytes take, as superpixel_noise gives them, into
+// kNoiseSlot bytes each: eight superpixels at a time, one per 32-bit lane.
+// The slots are rounded up to a multiple of eight superpixels.
+inline void run_noise(uint8_t* noise, const uint64_t* masks, int32_t count, int32_t first_x, int32_t sp_w,
+                      int32_t y, int32_t frame_w, int32_t frame_h) {
+  const uint32_t row_seed = (static_cast<uint32_t>(y) << 16) ^
+                            (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h));
+  const __m256i spread = _mm256_mullo_epi32(_mm256_set1_epi32(sp_w), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+  for (int32_t g0 = 0; g0 < count; g0 += 8) {
+    int32_t steps = 0;
+    for (int32_t l = 0; l < 8 && g0 + l < count; ++l) {
+      const int32_t need = (__builtin_popcountll(masks[g0 + l]) + 7) / 8;
+      steps = need > steps ? need : steps;
+    }
+    // x + 1 of each lane's superpixel, in wrapping 32-bit arithmetic.
+    const uint32_t x1 = static_cast<uint32_t>(first_x) + static_cast<uint32_t>(g0) * static_cast<uint32_t>(sp_w) + 1u;
+    __m256i s0 = _mm256_xor_si256(_mm256_set1_epi32(static_cast<int32_t>(row_seed)),
+                                  _mm256_add_epi32(_mm256_set1_epi32(static_cast<int32_t>(x1)), spread));
+    __m256i s1 = _mm256_xor_si256(s0, _mm256_set1_epi32(static_cast<int32_t>(0xacbdef01u)));
+    uint8_t* slot = noise + static_cast<size_t>(g0) * kNoiseSlot;
+    for (int32_t k = 0; k < steps; ++k) {
+      const __m256i t = _mm256_xor_si256(s1, s0);
+      s0 = _mm256_xor_si256(_mm256_xor_si256(rotr_lanes(s0, 6), t), _mm256_slli_epi32(t, 9));
+      s1 = rotr_lanes(t, 19);
+      // Each lane's output: s0 then s1, little-endian.
+      const __m256i lo = _mm256_unpacklo_epi32(s0, s1);  // lanes 0, 1 | 4, 5
+      const __m256i hi = _mm256_unpackhi_epi32(s0, s1);  // lanes 2, 3 | 6, 7
+      uint8_t* out = slot + k * 8;
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(lo));
+      _mm_storeh_pd(reinterpret_cast<double*>(out + kNoiseSlot), _mm_castsi128_pd(_mm256_castsi256_si128(lo)));
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 2 * kNoiseSlot), _mm256_castsi256_si128(hi));
+      _mm_storeh_pd(reinterpret_cast<double*>(out + 3 * kNoiseSlot), _mm_castsi128_pd(_mm256_castsi256_si128(hi)));
+      const __m128i lo_up = _mm256_extracti128_si256(lo, 1);
+      const __m128i hi_up = _mm256_extracti128_si256(hi, 1);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 4 * kNoiseSlot), lo_up);
+      _mm_storeh_pd(reinterpret_cast<double*>(out + 5 * kNoiseSlot), _mm_castsi128_pd(lo_up));
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 6 * kNoiseSlot), hi_up);
+      _mm_storeh_pd(reinterpret_cast<double*>(out + 7 * kNoiseSlot), _mm_castsi128_pd(hi_up));
+    }
+  }
+}
+
 }  // namespace
 
 int32_t embed_superpixel_avx2(uint8_t* luma, const FrameGeometry* geometry, int32_t x, int32_t y,
@@ -312,97 +365,14 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
   int32_t* state = level + count;                              // 1 alive, 2 going
   int32_t* sums = state + count;                               // sum of the last pass
 
-  // Per superpixel and pixel row: which pixels change and their random bytes.
-  alignas(16) uint8_t random[(kMaxWidth * kMaxHeight / 8 + 2) * 8] = {};
   const int32_t area = sp_w * sp_h;
   uint64_t used_rows = 0;
   int32_t going = 0;
-  // Superpixels of at most 64 pixels and 8 columns: one mask for the whole
-  // pattern, one table row per pixel row. any_mask gathers their masks.
-  const bool whole_mask = area >= 16 && area <= 64 && sp_w <= 8;
-  const uint64_t row_bits = (uint64_t{1} << sp_w) - 1;
-  uint64_t any_mask = 0;
-  const __m128i minus1 = _mm_set1_epi8(-1);
   for (int32_t i = 0; i < count; ++i) {
-    const RepeatItem& item = run->items[i];
-    const size_t x = static_cast<size_t>(i) * sp_w;
     sums[i] = 0;
-    if (item.pattern == nullptr) {
-      state[i] = 0;
-      for (int32_t r = 0; r < sp_h; ++r) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x), _mm_setzero_si128());
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), _mm_setzero_si128());
-      }
-      continue;
-    }
-    state[i] = 3;
-    level[i] = item.value;
-    ++going;
-    const uint8_t* pattern = reinterpret_cast<const uint8_t*>(item.pattern);
-    const int32_t sx = run->first_x + static_cast<int32_t>(x);
-    if (whole_mask) {
-      // The whole pattern's non-zero bytes as one mask, from sixteen bytes
-      // at a time (the last sixteen may overlap the ones before).
-      uint64_t mask = 0;
-      int32_t at = 0;
-      for (; at + 16 <= area; at += 16) {
-        mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at)), 16)} << at;
-      }
-      if (at < area) {
-        mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + area - 16)), 16)}
-                << (area - 16);
-      }
-      any_mask |= mask;
-      if (perceptual) superpixel_noise(random, sx, run->y, g->width, g->height, __builtin_popcountll(mask));
-      int32_t rank = 0;
-      uint8_t* rnd_at = rnd8 + x;
-      uint8_t* live_at = live8 + x;
-      for (int32_t r = 0; r < sp_h; ++r) {
-        const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
-        mask >>= sp_w;
-        const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(live_at), _mm_cmpgt_epi8(e, minus1));
-        if (perceptual) {
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd_at),
-                           _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e));
-          rank += __builtin_popcount(nz);
-        }
-        rnd_at += lanes;
-        live_at += lanes;
-      }
-      continue;
-    }
-    uint32_t bits[kMaxHeight];
-    int32_t nonzero = 0;
-    for (int32_t r = 0; r < sp_h; ++r) {
-      const int32_t at = r * sp_w;
-      const __m128i pat = at + 16 <= area ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at))
-                                          : load_row16(pattern + at, sp_w);
-      bits[r] = nonzero_bits(pat, sp_w);
-      nonzero += __builtin_popcount(bits[r]);
-      used_rows |= uint64_t{bits[r] != 0} << r;
-    }
-    if (perceptual) superpixel_noise(random, sx, run->y, g->width, g->height, nonzero);
-    int32_t rank = 0;
-    for (int32_t r = 0; r < sp_h; ++r) {
-      const uint32_t nz = bits[r];
-      const __m128i e_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz & 0xFF]));
-      __m128i live = _mm_cmpgt_epi8(e_lo, minus1);
-      __m128i rnd = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_lo);
-      rank += __builtin_popcount(nz & 0xFF);
-      if (sp_w > 8) {
-        const __m128i e_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz >> 8]));
-        live = _mm_unpacklo_epi64(live, _mm_cmpgt_epi8(e_hi, minus1));
-        rnd = _mm_unpacklo_epi64(
-            rnd, _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_hi));
-        rank += __builtin_popcount(nz >> 8);
-      }
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x), rnd);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), live);
-    }
-  }
-  for (int32_t r = 0; whole_mask && r < sp_h; ++r) {
-    used_rows |= uint64_t{((any_mask >> (r * sp_w)) & row_bits) != 0} << r;
+    state[i] = run->items[i].pattern != nullptr ? 3 : 0;
+    level[i] = run->items[i].value;
+    going += state[i] != 0;
   }
   if (going == 0) {
     if (run->signals != nullptr) {
@@ -411,6 +381,95 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
     return;
   }
 
+  // Per superpixel and pixel row: which pixels change and their random bytes.
+  const __m128i minus1 = _mm_set1_epi8(-1);
+  if (area >= 16 && area <= 64 && sp_w <= 8) {
+    // One mask for each whole pattern, from sixteen bytes at a time (the
+    // last sixteen may overlap the ones before); only the rows where some
+    // pattern of the run has a non-zero byte are worked on.
+    const size_t after_sums = static_cast<size_t>(reinterpret_cast<uint8_t*>(sums + count) - run->scratch);
+    uint64_t* masks = reinterpret_cast<uint64_t*>(run->scratch + ((after_sums + 7) & ~size_t{7}));
+    uint8_t* noise = reinterpret_cast<uint8_t*>(masks + count);  // kNoiseSlot bytes per superpixel
+    uint64_t any_mask = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      const uint8_t* pattern = reinterpret_cast<const uint8_t*>(run->items[i].pattern);
+      uint64_t mask = 0;
+      if (pattern != nullptr) {
+        int32_t at = 0;
+        for (; at + 16 <= area; at += 16) {
+          mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at)), 16)} << at;
+        }
+        if (at < area) {
+          mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + area - 16)), 16)}
+                  << (area - 16);
+        }
+      }
+      masks[i] = mask;
+      any_mask |= mask;
+    }
+    const uint64_t row_bits = (uint64_t{1} << sp_w) - 1;
+    for (int32_t r = 0; r < sp_h; ++r) {
+      used_rows |= uint64_t{((any_mask >> (r * sp_w)) & row_bits) != 0} << r;
+    }
+    if (perceptual) run_noise(noise, masks, count, run->first_x, sp_w, run->y, g->width, g->height);
+    for (int32_t i = 0; i < count; ++i) {
+      uint64_t mask = masks[i];
+      const uint8_t* random = noise + static_cast<size_t>(i) * kNoiseSlot;
+      const size_t x = static_cast<size_t>(i) * sp_w;
+      int32_t rank = 0;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
+        mask >>= sp_w;
+        if ((used_rows >> r & 1) == 0) continue;
+        const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), _mm_cmpgt_epi8(e, minus1));
+        if (perceptual) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x),
+                           _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e));
+          rank += __builtin_popcount(nz);
+        }
+      }
+    }
+  } else {
+    alignas(16) uint8_t random[(kMaxWidth * kMaxHeight / 8 + 2) * 8] = {};
+    for (int32_t i = 0; i < count; ++i) {
+      const uint8_t* pattern = reinterpret_cast<const uint8_t*>(run->items[i].pattern);
+      const size_t x = static_cast<size_t>(i) * sp_w;
+      uint32_t bits[kMaxHeight];
+      int32_t nonzero = 0;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        const int32_t at = r * sp_w;
+        __m128i pat = _mm_setzero_si128();
+        if (pattern != nullptr) {
+          pat = at + 16 <= area ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at))
+                                : load_row16(pattern + at, sp_w);
+        }
+        bits[r] = nonzero_bits(pat, sp_w);
+        nonzero += __builtin_popcount(bits[r]);
+        used_rows |= uint64_t{bits[r] != 0} << r;
+      }
+      if (perceptual && nonzero > 0) {
+        superpixel_noise(random, run->first_x + static_cast<int32_t>(x), run->y, g->width, g->height, nonzero);
+      }
+      int32_t rank = 0;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        const uint32_t nz = bits[r];
+        const __m128i e_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz & 0xFF]));
+        __m128i live = _mm_cmpgt_epi8(e_lo, minus1);
+        __m128i rnd = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_lo);
+        rank += __builtin_popcount(nz & 0xFF);
+        if (sp_w > 8) {
+          const __m128i e_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz >> 8]));
+          live = _mm_unpacklo_epi64(live, _mm_cmpgt_epi8(e_hi, minus1));
+          rnd = _mm_unpacklo_epi64(
+              rnd, _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_hi));
+          rank += __builtin_popcount(nz >> 8);
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x), rnd);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), live);
+      }
+    }
+  }
   // The weight of every pixel of the rows that change. Lanes past the run
   // weigh 0.
   const __m256i k24 = _mm256_set1_epi16(24);
