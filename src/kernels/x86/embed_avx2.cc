@@ -470,8 +470,18 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
       }
     }
   }
+  if (used_rows == 0) {
+    // No pattern changes a pixel: every pass sums to 0.
+    if (run->signals != nullptr) {
+      for (int32_t i = 0; i < count; ++i) run->signals[i] = 0;
+    }
+    return;
+  }
+
   // The weight of every pixel of the rows that change. Lanes past the run
-  // weigh 0.
+  // weigh 0. The column sums start at 0 (with the first row).
+  const __m256i zero16 = _mm256_setzero_si256();
+  bool sums_zeroed = false;
   const __m256i k24 = _mm256_set1_epi16(24);
   const __m256i k128 = _mm256_set1_epi16(128);
   const __m256i k1024 = _mm256_set1_epi16(1024);
@@ -494,11 +504,12 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
         w = _mm256_add_epi16(_mm256_add_epi16(rnd, k128), _mm256_mullo_epi16(_mm256_cvtepu8_epi16(t8), k24));
       }
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(w_row + x), _mm256_and_si256(w, live));
+      if (!sums_zeroed) _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), zero16);
     }
+    sums_zeroed = true;
   }
 
   const __m256i k255 = _mm256_set1_epi16(255);
-  const __m256i zero16 = _mm256_setzero_si256();
   const __m256i ones16 = _mm256_set1_epi16(1);
   const __m256i first_w = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(sp_w)),
                                              _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
@@ -519,9 +530,6 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
       }
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + static_cast<size_t>(i) * sp_w),
                           _mm256_set1_epi16(static_cast<int16_t>(sa)));
-    }
-    for (int32_t x = 0; x < n + 16; x += 16) {
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), zero16);
     }
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + n), zero16);
     for (int32_t r = 0; r < sp_h; ++r) {
@@ -553,13 +561,17 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
         }
       }
     }
-    // Each superpixel's sum, and whether it takes another pass.
+    // Each superpixel's sum, and whether it takes another pass. From right
+    // to left, so that setting a superpixel's sixteen columns back to 0 only
+    // clears sums already taken (the columns of superpixels without a pass
+    // stay 0).
     going = 0;
-    for (int32_t i = 0; i < count; ++i) {
+    for (int32_t i = count - 1; i >= 0; --i) {
       if ((state[i] & 2) == 0) continue;
       // The superpixel's sp_w columns of the sixteen from its first on.
-      const __m256i columns = _mm256_and_si256(
-          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + static_cast<size_t>(i) * sp_w)), first_w);
+      __m256i* at = reinterpret_cast<__m256i*>(sum16 + static_cast<size_t>(i) * sp_w);
+      const __m256i columns = _mm256_and_si256(_mm256_loadu_si256(at), first_w);
+      _mm256_storeu_si256(at, zero16);
       const __m256i wide = _mm256_madd_epi16(columns, ones16);
       __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
