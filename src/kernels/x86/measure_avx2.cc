@@ -47,7 +47,7 @@ inline __m256i interpolate(__m256i lo, __m256i w_lo, __m256i hi, __m256i w_hi, c
 // kernel chooses it: dh < min(dv, dm) takes the horizontal one h, else
 // dm <= dv the mean m of both, else the vertical one v.
 inline __m256i closest_residual(__m256i p, __m256i h, __m256i v) {
-  const __m256i m = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(h, v), _mm256_set1_epi16(1)), 1);
+  const __m256i m = _mm256_avg_epu16(h, v);  // (h + v + 1) / 2
   const __m256i rh = _mm256_sub_epi16(p, h);
   const __m256i rv = _mm256_sub_epi16(p, v);
   const __m256i rm = _mm256_sub_epi16(p, m);
@@ -151,7 +151,7 @@ struct NarrowGrid {
   int32_t sp_w, sp_h, bw, bh, iw, ih, cols, n, per_step;
   __m128i take_left, take_right;  // byte shuffles: each lane's left and right border sample
   __m256i w_left, w_right, inner;  // per lane; 0 outside the inner columns
-  __m256i of_superpixel[16];       // lanes of the step's k-th superpixel
+  __m256i which;                   // per lane: which superpixel of the step (16 past the last)
 };
 
 void narrow_grid_setup(NarrowGrid* grid, int32_t cols, int32_t sp_w, int32_t sp_h, int32_t bw, int32_t bh) {
@@ -166,7 +166,7 @@ void narrow_grid_setup(NarrowGrid* grid, int32_t cols, int32_t sp_w, int32_t sp_
   grid->per_step = 16 / sp_w;
   const int32_t nW = grid->iw + 1;
   alignas(32) uint8_t left[16], right[16];
-  alignas(32) int16_t wl[16], wr[16], in[16], mine[16][16];
+  alignas(32) int16_t wl[16], wr[16], in[16], which[16];
   for (int32_t lane = 0; lane < 16; ++lane) {
     const int32_t k = lane / sp_w;
     const int32_t j = lane % sp_w - (bw - 1);
@@ -177,16 +177,14 @@ void narrow_grid_setup(NarrowGrid* grid, int32_t cols, int32_t sp_w, int32_t sp_
     wl[lane] = static_cast<int16_t>(inside ? nW - j : 0);
     wr[lane] = static_cast<int16_t>(inside ? j : 0);
     in[lane] = static_cast<int16_t>(inside ? -1 : 0);
-    for (int32_t s = 0; s < 16; ++s) mine[s][lane] = static_cast<int16_t>(whole && k == s ? -1 : 0);
+    which[lane] = static_cast<int16_t>(whole ? k : 16);
   }
   grid->take_left = _mm_load_si128(reinterpret_cast<const __m128i*>(left));
   grid->take_right = _mm_load_si128(reinterpret_cast<const __m128i*>(right));
   grid->w_left = _mm256_load_si256(reinterpret_cast<const __m256i*>(wl));
   grid->w_right = _mm256_load_si256(reinterpret_cast<const __m256i*>(wr));
   grid->inner = _mm256_load_si256(reinterpret_cast<const __m256i*>(in));
-  for (int32_t s = 0; s < 16; ++s) {
-    grid->of_superpixel[s] = _mm256_load_si256(reinterpret_cast<const __m256i*>(mine[s]));
-  }
+  grid->which = _mm256_load_si256(reinterpret_cast<const __m256i*>(which));
 }
 
 void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitch, int32_t* out) {
@@ -203,9 +201,16 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
   auto bytes_at = [n](const uint8_t* row, int32_t x) {
     return x + 16 <= n ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x)) : load_row16(row + x, n - x);
   };
+  const __m256i n_h = _mm256_set1_epi16(static_cast<int16_t>(nH));
   for (int32_t x = 0, c = 0; c < grid.cols; x += step, c += grid.per_step) {
     const __m256i t = _mm256_cvtepu8_epi16(bytes_at(top, x));
     const __m256i b = _mm256_cvtepu8_epi16(bytes_at(bottom, x));
+    // The vertical numerator t x (nH - i) + b x i + nH / 2, for i = 1 and
+    // then one row further each time (below 256 nH, so no 16-bit overflow;
+    // b - t wraps in the 16-bit lanes and the sum comes out right).
+    __m256i vertical = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(t, _mm256_sub_epi16(n_h, one)), b),
+                                        by_h.half);
+    const __m256i down = _mm256_sub_epi16(b, t);
     __m256i sum = _mm256_setzero_si256();
     const uint8_t* row = first_inner;
     for (int32_t i = 1; i <= ih; ++i, row += pitch) {
@@ -214,15 +219,15 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
       const __m256i l = _mm256_cvtepu8_epi16(_mm_shuffle_epi8(bytes, grid.take_left));
       const __m256i r = _mm256_cvtepu8_epi16(_mm_shuffle_epi8(bytes, grid.take_right));
       const __m256i h = interpolate(l, grid.w_left, r, grid.w_right, by_w);
-      const __m256i wi = _mm256_set1_epi16(static_cast<int16_t>(i));
-      const __m256i wt = _mm256_set1_epi16(static_cast<int16_t>(nH - static_cast<uint32_t>(i)));
-      const __m256i v = interpolate(t, wt, b, wi, by_h);
+      const __m256i v = _mm256_srl_epi16(_mm256_mulhi_epu16(vertical, by_h.mul), by_h.shift);
+      vertical = _mm256_add_epi16(vertical, down);
       // At most 62 residuals of at most 255 per lane: no 16-bit overflow.
       sum = _mm256_add_epi16(sum, _mm256_and_si256(closest_residual(p, h, v), grid.inner));
     }
     const int32_t here = grid.cols - c < grid.per_step ? grid.cols - c : grid.per_step;
     for (int32_t k = 0; k < here; ++k) {
-      const __m256i wide = _mm256_madd_epi16(_mm256_and_si256(sum, grid.of_superpixel[k]), one);
+      const __m256i mine = _mm256_cmpeq_epi16(grid.which, _mm256_set1_epi16(static_cast<int16_t>(k)));
+      const __m256i wide = _mm256_madd_epi16(_mm256_and_si256(sum, mine), one);
       __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
