@@ -412,15 +412,17 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
       used_rows |= uint64_t{((any_mask >> (r * sp_w)) & row_bits) != 0} << r;
     }
     if (perceptual) run_noise(noise, masks, count, run->first_x, sp_w, run->y, g->width, g->height);
+    // Rows before the first one with a non-zero byte take no random bytes.
+    const int32_t skip = used_rows != 0 ? __builtin_ctzll(used_rows) : sp_h;
+    const int32_t stop = used_rows != 0 ? 64 - __builtin_clzll(used_rows) : sp_h;
     for (int32_t i = 0; i < count; ++i) {
-      uint64_t mask = masks[i];
+      uint64_t mask = masks[i] >> (skip < sp_h ? skip * sp_w : 0);
       const uint8_t* random = noise + static_cast<size_t>(i) * kNoiseSlot;
       const size_t x = static_cast<size_t>(i) * sp_w;
       int32_t rank = 0;
-      for (int32_t r = 0; r < sp_h; ++r) {
+      for (int32_t r = skip; r < stop; ++r) {
         const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
         mask >>= sp_w;
-        if ((used_rows >> r & 1) == 0) continue;
         const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), _mm_cmpgt_epi8(e, minus1));
         if (perceptual) {
@@ -477,6 +479,10 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
     }
     return;
   }
+  // The rows from the first to the last that some pattern changes (those in
+  // between that none changes weigh 0 throughout).
+  const int32_t first_row = __builtin_ctzll(used_rows);
+  const int32_t end_row = 64 - __builtin_clzll(used_rows);
 
   // The weight of every pixel of the rows that change. Lanes past the run
   // weigh 0. The column sums start at 0 (with the first row).
@@ -485,8 +491,7 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
   const __m256i k24 = _mm256_set1_epi16(24);
   const __m256i k128 = _mm256_set1_epi16(128);
   const __m256i k1024 = _mm256_set1_epi16(1024);
-  for (int32_t r = 0; r < sp_h; ++r) {
-    if ((used_rows >> r & 1) == 0) continue;
+  for (int32_t r = first_row; r < end_row; ++r) {
     uint8_t* rnd_row = rnd8 + r * lanes;
     uint8_t* live_row = live8 + r * lanes;
     std::memset(rnd_row + n, 0, 32);
@@ -532,9 +537,8 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
                           _mm256_set1_epi16(static_cast<int16_t>(sa)));
     }
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + n), zero16);
-    for (int32_t r = 0; r < sp_h; ++r) {
-      if ((used_rows >> r & 1) == 0) continue;
-      uint8_t* line = run->luma + (static_cast<ptrdiff_t>(run->y) + r) * g->stride + run->first_x;
+    for (int32_t r = first_row; r < end_row; ++r) {
+        uint8_t* line = run->luma + (static_cast<ptrdiff_t>(run->y) + r) * g->stride + run->first_x;
       const int16_t* w_row = w16 + r * lanes;
       for (int32_t x = 0; x < n; x += 16) {
         const __m256i sa = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp16 + x));
