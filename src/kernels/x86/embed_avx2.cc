@@ -520,7 +520,8 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
                                              _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
   auto magnitude = [](int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : static_cast<int64_t>(v); };
   while (going > 0) {
-    // This pass's signed amplitude of every superpixel, over its columns.
+    // This pass's signed amplitude of every superpixel times 64 (at most
+    // 128 x 64 in magnitude), over its columns.
     for (int32_t i = 0; i < count; ++i) {
       int32_t sa = 0;
       if ((state[i] & 2) != 0) {
@@ -534,7 +535,7 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
         }
       }
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + static_cast<size_t>(i) * sp_w),
-                          _mm256_set1_epi16(static_cast<int16_t>(sa)));
+                          _mm256_set1_epi16(static_cast<int16_t>(sa * 64)));
     }
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + n), zero16);
     for (int32_t r = first_row; r < end_row; ++r) {
@@ -547,11 +548,9 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
         const __m256i old = _mm256_cvtepu8_epi16(
             full ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(line + x)) : load_row16(line + x, n - x));
         const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w_row + x));
-        const __m256i mag = _mm256_abs_epi16(sa);
-        // (|a| x weight) >> 10 from the two halves of the 32-bit product,
-        // then the sign of a: the division truncates toward zero.
-        const __m256i q = _mm256_or_si256(_mm256_srli_epi16(_mm256_mullo_epi16(mag, w), 10),
-                                          _mm256_slli_epi16(_mm256_mulhi_epu16(mag, w), 6));
+        // (|a| x weight) >> 10 as the high half of (64 |a|) x weight, then
+        // the sign of a: the division truncates toward zero.
+        const __m256i q = _mm256_mulhi_epu16(_mm256_abs_epi16(sa), w);
         const __m256i now =
             _mm256_max_epi16(_mm256_min_epi16(_mm256_add_epi16(old, _mm256_sign_epi16(q, sa)), k255), zero16);
         // At most 64 rows of changes of at most 255 per lane: no 16-bit overflow.
