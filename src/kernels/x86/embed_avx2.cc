@@ -564,26 +564,28 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
         }
       }
     }
-    // Each superpixel's sum, and whether it takes another pass. From right
-    // to left, so that setting a superpixel's sixteen columns back to 0 only
-    // clears sums already taken (the columns of superpixels without a pass
-    // stay 0).
-    going = 0;
-    for (int32_t i = count - 1; i >= 0; --i) {
+    // Each superpixel's sum; then its columns back to 0 (the columns of
+    // superpixels without a pass stay 0), and whether it takes another
+    // pass. All sums are read before any column is cleared: a clearing store
+    // covers sixteen columns, and so the next superpixels' too.
+    for (int32_t i = 0; i < count; ++i) {
       if ((state[i] & 2) == 0) continue;
       // The superpixel's sp_w columns of the sixteen from its first on.
-      __m256i* at = reinterpret_cast<__m256i*>(sum16 + static_cast<size_t>(i) * sp_w);
-      const __m256i columns = _mm256_and_si256(_mm256_loadu_si256(at), first_w);
-      _mm256_storeu_si256(at, zero16);
+      const __m256i columns = _mm256_and_si256(
+          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + static_cast<size_t>(i) * sp_w)), first_w);
       const __m256i wide = _mm256_madd_epi16(columns, ones16);
       __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
-      const int32_t signal = _mm_cvtsi128_si32(s4);
+      sums[i] = _mm_cvtsi128_si32(s4);
+    }
+    going = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      if ((state[i] & 2) == 0) continue;
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + static_cast<size_t>(i) * sp_w), zero16);
       const int32_t a = level[i];
       level[i] = a < 0 ? wrap_sub(a, 1) : wrap_add(a, 1);
-      sums[i] = signal;
-      if (magnitude(level[i]) >= run->strength || run->items[i].target <= magnitude(signal)) {
+      if (magnitude(level[i]) >= run->strength || run->items[i].target <= magnitude(sums[i])) {
         state[i] &= ~2;
       } else {
         ++going;
