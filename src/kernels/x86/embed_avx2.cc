@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 #include "kernels/embed.h"
 #include "kernels/intmath.h"
@@ -538,32 +539,48 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
                           _mm256_set1_epi16(static_cast<int16_t>(sa * 64)));
     }
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + n), zero16);
-    for (int32_t r = first_row; r < end_row; ++r) {
-        uint8_t* line = run->luma + (static_cast<ptrdiff_t>(run->y) + r) * g->stride + run->first_x;
-      const int16_t* w_row = w16 + r * lanes;
-      for (int32_t x = 0; x < n; x += 16) {
-        const __m256i sa = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp16 + x));
-        if (_mm256_testz_si256(sa, sa)) continue;
-        const bool full = x + 16 <= n;
-        const __m256i old = _mm256_cvtepu8_epi16(
-            full ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(line + x)) : load_row16(line + x, n - x));
-        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w_row + x));
+    // Sixteen columns at a time, down the rows that change, with their sums
+    // in a register.
+    const ptrdiff_t pitch = g->stride;
+    uint8_t* first_line = run->luma + (static_cast<ptrdiff_t>(run->y) + first_row) * g->stride + run->first_x;
+    const int16_t* first_weights = w16 + static_cast<size_t>(first_row) * lanes;
+    // The sixteen columns from x on; the last step of the run may hold fewer.
+    auto step = [&](int32_t x, auto whole) {
+      const __m256i sa = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp16 + x));
+      if (_mm256_testz_si256(sa, sa)) return;
+      const __m256i mag = _mm256_abs_epi16(sa);
+      uint8_t* line = first_line + x;
+      const int16_t* w_row = first_weights + x;
+      __m256i sum = zero16;
+      for (int32_t r = first_row; r < end_row; ++r, line += pitch, w_row += lanes) {
+        __m128i bytes;
+        if constexpr (whole) {
+          bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line));
+        } else {
+          bytes = load_row16(line, n - x);
+        }
+        const __m256i old = _mm256_cvtepu8_epi16(bytes);
+        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w_row));
         // (|a| x weight) >> 10 as the high half of (64 |a|) x weight, then
         // the sign of a: the division truncates toward zero.
-        const __m256i q = _mm256_mulhi_epu16(_mm256_abs_epi16(sa), w);
+        const __m256i q = _mm256_mulhi_epu16(mag, w);
         const __m256i now =
             _mm256_max_epi16(_mm256_min_epi16(_mm256_add_epi16(old, _mm256_sign_epi16(q, sa)), k255), zero16);
         // At most 64 rows of changes of at most 255 per lane: no 16-bit overflow.
-        __m256i* sum = reinterpret_cast<__m256i*>(sum16 + x);
-        _mm256_storeu_si256(sum, _mm256_add_epi16(_mm256_loadu_si256(sum), _mm256_sub_epi16(now, old)));
+        sum = _mm256_add_epi16(sum, _mm256_sub_epi16(now, old));
         const __m128i packed = _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi16(now, now), 0x08));
-        if (full) {
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(line + x), packed);
+        if constexpr (whole) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(line), packed);
         } else {
-          store_row16(line + x, packed, n - x);
+          store_row16(line, packed, n - x);
         }
       }
-    }
+      // The columns held 0 (see below).
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), sum);
+    };
+    int32_t x = 0;
+    for (; x + 16 <= n; x += 16) step(x, std::true_type{});
+    if (x < n) step(x, std::false_type{});
     // Each superpixel's sum; then its columns back to 0 (the columns of
     // superpixels without a pass stay 0), and whether it takes another
     // pass. All sums are read before any column is cleared: a clearing store
