@@ -500,18 +500,25 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
     const uint8_t* tex_row = perceptual ? run->texture + (static_cast<ptrdiff_t>(run->y) + r) * g->width + run->first_x
                                         : nullptr;
     int16_t* w_row = w16 + r * lanes;
-    for (int32_t x = 0; x < n; x += 16) {
+    auto weigh = [&](int32_t x, auto whole) {
       const __m256i live = _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(live_row + x)));
       __m256i w = k1024;
       if (perceptual) {
         const __m256i rnd = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd_row + x)));
-        const __m128i t8 = x + 16 <= n ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(tex_row + x))
-                                       : load_row16(tex_row + x, n - x);
+        __m128i t8;
+        if constexpr (whole) {
+          t8 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tex_row + x));
+        } else {
+          t8 = load_row16(tex_row + x, n - x);
+        }
         w = _mm256_add_epi16(_mm256_add_epi16(rnd, k128), _mm256_mullo_epi16(_mm256_cvtepu8_epi16(t8), k24));
       }
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(w_row + x), _mm256_and_si256(w, live));
       if (!sums_zeroed) _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), zero16);
-    }
+    };
+    int32_t x = 0;
+    for (; x + 16 <= n; x += 16) weigh(x, std::true_type{});
+    if (x < n) weigh(x, std::false_type{});
     sums_zeroed = true;
   }
 
