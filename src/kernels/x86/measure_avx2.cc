@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <type_traits>
 
 #include "kernels/divide.h"
 #include "kernels/intmath.h"
@@ -197,14 +198,26 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
   const uint8_t* bottom = base + (grid.sp_h - bh) * pitch;
   const uint8_t* first_inner = base + bh * pitch;
   const int32_t step = grid.per_step * sp_w;
-  // Sixteen bytes of a row from column x on, never reading past column n.
-  auto bytes_at = [n](const uint8_t* row, int32_t x) {
-    return x + 16 <= n ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x)) : load_row16(row + x, n - x);
-  };
   const __m256i n_h = _mm256_set1_epi16(static_cast<int16_t>(nH));
-  for (int32_t x = 0, c = 0; c < grid.cols; x += step, c += grid.per_step) {
-    const __m256i t = _mm256_cvtepu8_epi16(bytes_at(top, x));
-    const __m256i b = _mm256_cvtepu8_epi16(bytes_at(bottom, x));
+  // Lanes of the step's k-th superpixel hold 1, the others 0.
+  __m256i ones_of[16];
+  for (int32_t k = 0; k < grid.per_step; ++k) {
+    ones_of[k] = _mm256_and_si256(_mm256_cmpeq_epi16(grid.which, _mm256_set1_epi16(static_cast<int16_t>(k))), one);
+  }
+  // The step from column x on, superpixel c first; only the last steps may
+  // have fewer than sixteen columns left in the row.
+  auto measure_step = [&](int32_t x, int32_t c, auto whole) {
+    // Sixteen bytes of a row from column x on, never reading past column n.
+    constexpr bool sixteen = decltype(whole)::value;
+    auto bytes_at = [n, x](const uint8_t* row) {
+      if constexpr (sixteen) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+      } else {
+        return load_row16(row + x, n - x);
+      }
+    };
+    const __m256i t = _mm256_cvtepu8_epi16(bytes_at(top));
+    const __m256i b = _mm256_cvtepu8_epi16(bytes_at(bottom));
     // The vertical numerator t x (nH - i) + b x i + nH / 2, for i = 1 and
     // then one row further each time (below 256 nH, so no 16-bit overflow;
     // b - t wraps in the 16-bit lanes and the sum comes out right).
@@ -214,7 +227,7 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
     __m256i sum = _mm256_setzero_si256();
     const uint8_t* row = first_inner;
     for (int32_t i = 1; i <= ih; ++i, row += pitch) {
-      const __m128i bytes = bytes_at(row, x);
+      const __m128i bytes = bytes_at(row);
       const __m256i p = _mm256_cvtepu8_epi16(bytes);
       const __m256i l = _mm256_cvtepu8_epi16(_mm_shuffle_epi8(bytes, grid.take_left));
       const __m256i r = _mm256_cvtepu8_epi16(_mm_shuffle_epi8(bytes, grid.take_right));
@@ -226,14 +239,16 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
     }
     const int32_t here = grid.cols - c < grid.per_step ? grid.cols - c : grid.per_step;
     for (int32_t k = 0; k < here; ++k) {
-      const __m256i mine = _mm256_cmpeq_epi16(grid.which, _mm256_set1_epi16(static_cast<int16_t>(k)));
-      const __m256i wide = _mm256_madd_epi16(_mm256_and_si256(sum, mine), one);
+      const __m256i wide = _mm256_madd_epi16(sum, ones_of[k]);
       __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
       out[c + k] = _mm_cvtsi128_si32(s4);
     }
-  }
+  };
+  int32_t x = 0, c = 0;
+  for (; c < grid.cols && x + 16 <= n; x += step, c += grid.per_step) measure_step(x, c, std::true_type{});
+  for (; c < grid.cols; x += step, c += grid.per_step) measure_step(x, c, std::false_type{});
 }
 
 }  // namespace
