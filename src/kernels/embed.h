@@ -98,7 +98,7 @@ using EmbedRepeatRunKernel = void(const EmbedRepeatRun* run);
 EmbedRepeatRunKernel embed_repeat_run;
 
 // Work space of every table's run kernel for a run of count superpixels;
-// -1 when it does not fit 63 bits.
+// -1 for a run too large to work on in one piece.
 int64_t embed_repeat_run_scratch_bytes(int32_t sp_w, int32_t sp_h, int32_t count);
 
 }  // namespace lumamark

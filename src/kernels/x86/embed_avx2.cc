@@ -521,10 +521,11 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
     if (x < n) weigh(x, std::false_type{});
     sums_zeroed = true;
   }
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + n), zero16);  // read, and masked off, with the last columns
 
   const __m256i k255 = _mm256_set1_epi16(255);
   const __m256i ones16 = _mm256_set1_epi16(1);
-  const __m256i first_w = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(sp_w)),
+  const __m256i own_columns = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(sp_w)),
                                              _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
   auto magnitude = [](int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : static_cast<int64_t>(v); };
   while (going > 0) {
@@ -596,7 +597,7 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
       if ((state[i] & 2) == 0) continue;
       // The superpixel's sp_w columns of the sixteen from its first on.
       const __m256i columns = _mm256_and_si256(
-          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + static_cast<size_t>(i) * sp_w)), first_w);
+          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + static_cast<size_t>(i) * sp_w)), own_columns);
       const __m256i wide = _mm256_madd_epi16(columns, ones16);
       __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
