@@ -251,8 +251,8 @@ TEST(KernelEquality, EmbedSuperpixelRepeated) {
 // Runs of repeated (deep-fake) embeddings on one superpixel row: each table's
 // run kernel against one plain repeated embedding per superpixel, planes and
 // sums, with superpixels left alone, runs that end at the frame's right or
-// bottom edge, every mode, magnitudes that pass 127 and 255, and targets met
-// at once, early or never.
+// bottom edge, every mode, magnitudes that pass 127 and 255, targets met at
+// once, early or never, and runs cut in two.
 TEST(KernelEquality, EmbedRepeatRuns) {
   std::mt19937 rng(4242);
   const int32_t modes[] = {0, 1, 2, 3, 3, 3, 7};
@@ -314,6 +314,21 @@ TEST(KernelEquality, EmbedRepeatRuns) {
           ASSERT_EQ(want_sums, sums);
         }
       }
+      // Worker threads split a superpixel row anywhere: the run cut in two,
+      // right part first, gives the same plane, so neither part reads or
+      // writes a pixel of the other.
+      const int32_t cut = count == 0 ? 0 : static_cast<int32_t>(rng() % (count + 1));
+      Bytes got = frame;
+      std::vector<int32_t> sums(count + 2, -7);
+      std::vector<uint8_t> scratch(static_cast<size_t>(scratch_bytes));
+      const EmbedRepeatRun right{got.data() + kGuard, &g, y, first_x + cut * sp_w, count - cut, items.data() + cut,
+                                 tex, pm, strength, sums.data() + 1 + cut, scratch.data()};
+      const EmbedRepeatRun left{got.data() + kGuard, &g, y, first_x, cut, items.data(), tex, pm, strength,
+                                sums.data() + 1, scratch.data()};
+      t->embed_repeat_run(&right);
+      t->embed_repeat_run(&left);
+      ASSERT_EQ(want, got) << "cut at " << cut;
+      ASSERT_EQ(want_sums, sums) << "cut at " << cut;
     }
   }
 }
