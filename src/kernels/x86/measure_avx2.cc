@@ -209,7 +209,7 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
   auto measure_step = [&](int32_t x, int32_t c, auto whole) {
     // Sixteen bytes of a row from column x on, never reading past column n.
     constexpr bool sixteen = decltype(whole)::value;
-    auto bytes_at = [n, x](const uint8_t* row) {
+    auto bytes_at = [&](const uint8_t* row) {
       if constexpr (sixteen) {
         return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
       } else {
