@@ -153,10 +153,113 @@ bool embed_runs(EmbedTask* t) {
   return true;
 }
 
+// In deep-fake mode, unless the log is written superpixel by superpixel as
+// the workers go, the selected superpixels of each superpixel row are
+// embedded together as runs, pass by pass across the run. Returns false
+// (having changed nothing) when the work space cannot be had.
+bool embed_repeat_runs(EmbedTask* t) {
+  const int32_t cols = t->cols;
+  const FrameGeometry& g = *t->geometry;
+  const int64_t scratch_bytes = embed_repeat_run_scratch_bytes(g.sp_w, g.sp_h, cols);
+  if (scratch_bytes < 0) return false;
+  uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
+  RepeatItem* items = static_cast<RepeatItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(RepeatItem)));
+  int32_t* signals = static_cast<int32_t*>(std::malloc(static_cast<size_t>(cols) * 2 * sizeof(int32_t)));
+  // For each kind of row zone, the bank offset of every column's class and
+  // variant at level 0.
+  ptrdiff_t* first_pattern = static_cast<ptrdiff_t*>(std::malloc(static_cast<size_t>(cols) * 3 * sizeof(ptrdiff_t)));
+  if (scratch == nullptr || items == nullptr || signals == nullptr || first_pattern == nullptr) {
+    std::free(scratch);
+    std::free(items);
+    std::free(signals);
+    std::free(first_pattern);
+    return false;
+  }
+  const PatternLayout& layout = *t->layout;
+  // The bank offset of the level of every map byte, as pattern_select picks
+  // it: level 0 for the value 0, else (|value| - 1) mod levels.
+  ptrdiff_t level_offset[256];
+  for (int32_t byte = 0; byte < 256; ++byte) {
+    const int32_t value = wrap_sub(byte, t->strength);
+    const int32_t level = value == 0 ? 0 : static_cast<int32_t>(magnitude(value) - 1) % layout.levels;
+    level_offset[byte] = static_cast<ptrdiff_t>(level) * layout.level_stride;
+  }
+  for (int32_t z = 0; z < 3; ++z) {
+    for (int32_t sx = 0; sx < cols; ++sx) {
+      const int32_t cls = class_of_zones(zone_of(sx, cols / 4, cols), static_cast<Zone>(z),
+                                         in_centre(sx, cols));
+      first_pattern[z * cols + sx] = static_cast<ptrdiff_t>(cls) * layout.class_stride +
+                                     static_cast<ptrdiff_t>(sx % kVariants % layout.variants) * layout.variant_stride;
+    }
+  }
+  const KernelTable& k = kernels();
+  int32_t* measured_here = signals + cols;
+  for (int32_t i = t->first; i < t->end;) {
+    const int32_t sy = i / cols;
+    if (sy >= t->rows) break;
+    const int32_t sx0 = i - sy * cols;
+    const int32_t run_end = imin(t->end, (sy + 1) * cols);
+    const int32_t count = run_end - i;
+    const ptrdiff_t* first_of = first_pattern + zone_of(sy, t->rows / 4, t->rows) * cols + sx0;
+    const int32_t y = sy * g.sp_h;
+    if (t->measures == nullptr && t->measure_in_place != 0) {
+      // The targets of the run, before any of its pixels change: each
+      // superpixel's measure reads only its own pixels, and the row pitch
+      // (the frame width) is the stride.
+      k.measure_grid(t->luma + static_cast<ptrdiff_t>(y) * g.stride + static_cast<ptrdiff_t>(sx0) * g.sp_w, count,
+                     1, measured_here, g.stride, g.sp_w, g.sp_h, g.border_w, g.border_h);
+    }
+    for (int32_t j = 0; j < count; ++j) {
+      RepeatItem& item = items[j];
+      if (t->selection[i + j] != 1) {
+        item.pattern = nullptr;
+        continue;
+      }
+      const uint8_t byte = t->map[i + j];
+      // The target is the superpixel's measure before embedding.
+      int32_t measured = 0;
+      if (t->measures != nullptr) {
+        measured = t->measures[i + j];
+      } else if (t->measure_in_place != 0) {
+        measured = measured_here[j];
+      }
+      item = RepeatItem{t->bank + first_of[j] + level_offset[byte], wrap_sub(byte, t->strength),
+                        magnitude(measured)};
+    }
+    if (t->texture_on_demand != nullptr) {
+      // Every map row that reads a luma row of this superpixel row.
+      const int64_t limit = int64_t{y} + g.sp_h + t->texture_on_demand->rows.radius;
+      texture_until(t->texture_on_demand, static_cast<int32_t>(limit < INT32_MAX ? limit : INT32_MAX));
+    }
+    const EmbedRepeatRun run{t->luma, t->geometry, y, sx0 * g.sp_w, count, items, t->texture,
+                             t->pm_mode, t->strength, signals, scratch};
+    k.embed_repeat_run(&run);
+    if (t->records != nullptr) {
+      // Measured right away (only each superpixel's own pixels are read);
+      // the driver writes the entries after all workers have finished.
+      for (int32_t j = 0; j < count; ++j) {
+        if (items[j].pattern == nullptr) continue;
+        EmbedRecord& rec = t->records[i + j];
+        rec.value = items[j].value;
+        rec.signal = signals[j];
+        rec.extr = k.signal_measure(t->luma, &g, (sx0 + j) * g.sp_w, y);
+        rec.embedded = 1;
+      }
+    }
+    i = run_end;
+  }
+  std::free(first_pattern);
+  std::free(signals);
+  std::free(items);
+  std::free(scratch);
+  return true;
+}
+
 }  // namespace
 
 void embed_worker(EmbedTask* t) {
   if (t->deep_fake == 0 && t->log == nullptr && t->patterns != nullptr && embed_runs(t)) return;
+  if (t->deep_fake != 0 && (t->log == nullptr || t->records != nullptr) && embed_repeat_runs(t)) return;
   if (t->texture_on_demand != nullptr) texture_until(t->texture_on_demand, INT32_MAX);
 
   const KernelTable& k = kernels();
@@ -254,19 +357,19 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
                     static_cast<uint32_t>(settings->seed), pm_mode != 3);
 
   // The deep-fake targets are measured on the untouched frame, with the frame
-  // width as the row pitch: the whole grid first, with the grid kernel. When
-  // the work space cannot be had and the width is the stride, a superpixel's
-  // measure reads only its own pixels, and the worker that embeds it
-  // measures it right before.
+  // width as the row pitch. When the width is the stride, a superpixel's
+  // measure reads only its own pixels, so the worker that embeds it measures
+  // it right before, on its own thread. Otherwise the whole grid is measured
+  // first, with the grid kernel.
   int32_t* measures = nullptr;
   int32_t measure_in_place = 0;
-  if (deep_fake != 0) {
+  if (deep_fake != 0 && width == stride) {
+    measure_in_place = 1;
+  } else if (deep_fake != 0) {
     measures = static_cast<int32_t*>(std::malloc(static_cast<size_t>(total) * sizeof(int32_t)));
     if (measures != nullptr) {
       kernels().measure_grid(luma, cols, rows, measures, width, sp_w, sp_h, geometry->border_w,
                              geometry->border_h);
-    } else {
-      measure_in_place = width == stride ? 1 : 0;
     }
   }
 

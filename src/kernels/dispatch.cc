@@ -15,13 +15,13 @@ namespace {
 constexpr KernelTable kPlain = {
     "plain",          cell_sums,        texture_rows_direct, embed_band,
     embed_band_prepare, embed_superpixel, embed_superpixel_repeat, signal_measure,
-    signal_measure_grid,
+    signal_measure_grid, embed_repeat_run,
 };
 
 constexpr KernelTable kAvx2 = {
     "avx2",           cell_sums_avx2,   texture_rows_avx2,   embed_band_avx2,
     embed_band_prepare_avx2, embed_superpixel_avx2, embed_superpixel_repeat_avx2,
-    signal_measure_avx2, signal_measure_grid_avx2,
+    signal_measure_avx2, signal_measure_grid_avx2, embed_repeat_run_avx2,
 };
 
 // The plain table until start-up has looked at the processor.

@@ -23,6 +23,7 @@ using EmbedBandFn = EmbedBandKernel*;              // a run of superpixels (embe
 using EmbedPrepareFn = EmbedPrepareKernel*;        // per-pattern preparation (embed_band.h)
 using EmbedSuperpixelFn = EmbedSuperpixelKernel*;  // one superpixel (embed.h)
 using EmbedRepeatFn = EmbedRepeatKernel*;          // one superpixel, deep-fake passes (embed.h)
+using EmbedRepeatRunFn = EmbedRepeatRunKernel*;    // a run of superpixels, deep-fake passes (embed.h)
 using SignalMeasureFn = SignalMeasureKernel*;      // signal of one superpixel (measure.h)
 using SignalMeasureGridFn = SignalMeasureGridKernel*;  // signals of a whole grid (measure.h)
 
@@ -36,6 +37,7 @@ struct KernelTable {
   EmbedRepeatFn embed_repeat;          // repeated embedding of one superpixel (deep-fake)
   SignalMeasureFn signal_measure;      // signal of one superpixel
   SignalMeasureGridFn measure_grid;    // signals of every superpixel of a grid
+  EmbedRepeatRunFn embed_repeat_run;   // repeated embedding of a run of superpixels (deep-fake)
 };
 
 enum class KernelSet {

@@ -184,4 +184,33 @@ int32_t embed_superpixel_repeat(uint8_t* luma, const FrameGeometry* geometry, in
                                       texture, pm_mode, strength, target, scratch);
 }
 
+void embed_repeat_run(const EmbedRepeatRun* run) {
+  const FrameGeometry* g = run->geometry;
+  for (int32_t i = 0; i < run->count; ++i) {
+    const RepeatItem& item = run->items[i];
+    int32_t signal = 0;
+    if (item.pattern != nullptr) {
+      signal = embed_superpixel_repeat(run->luma, g, run->first_x + i * g->sp_w, run->y, item.value,
+                                       item.pattern, run->texture, run->pm_mode, run->strength,
+                                       item.target, reinterpret_cast<int8_t*>(run->scratch));
+    }
+    if (run->signals != nullptr) run->signals[i] = signal;
+  }
+}
+
+int64_t embed_repeat_run_scratch_bytes(int32_t sp_w, int32_t sp_h, int32_t count) {
+  if (sp_w < 1 || sp_h < 1 || count < 0) return 0;
+  // The plain kernel needs one pattern; the vector twin keeps, per pixel row
+  // of the run, a random byte and a mask byte per pixel and a 16-bit weight,
+  // and per pixel column a 16-bit amplitude and a 16-bit sum, each with room
+  // for a full vector past the end; and per superpixel (rounded up to a
+  // multiple of eight) its amplitude, state, sum, non-zero mask and random
+  // bytes.
+  const int64_t area = int64_t{sp_w} * sp_h;
+  const int64_t lanes = int64_t{count} * sp_w + 64;
+  if (lanes > (int64_t{1} << 40) || sp_h > (1 << 20)) return -1;
+  const int64_t rows = int64_t{sp_h} * lanes * 4 + lanes * 4 + (int64_t{count} + 8) * 100;
+  return area > rows ? area : rows;
+}
+
 }  // namespace lumamark

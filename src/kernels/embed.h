@@ -67,4 +67,38 @@ using EmbedRepeatKernel = int32_t(uint8_t* luma, const FrameGeometry* geometry, 
                                   int64_t target, int8_t* scratch);
 EmbedRepeatKernel embed_superpixel_repeat;
 
+// One superpixel of a run of repeated embeddings.
+struct RepeatItem {
+  const int8_t* pattern;  // sp_w x sp_h pattern, or null: leave the superpixel alone
+  int32_t value;          // value of the first pass
+  int64_t target;         // the passes stop once one pass's sum reaches it in magnitude
+};
+
+// A run of superpixels side by side on one superpixel row, each embedded as
+// embed_superpixel_repeat does it.
+struct EmbedRepeatRun {
+  uint8_t* luma;                  // byte 0 of the luma plane, modified in place
+  const FrameGeometry* geometry;  // frame size, row pitch, superpixel side and border
+  int32_t y;                      // top row of the superpixel row
+  int32_t first_x;                // left column of the first superpixel of the run
+  int32_t count;                  // superpixels in the run, >= 0
+  const RepeatItem* items;        // count items, left to right
+  const uint8_t* texture;         // texture map (width x height of the geometry) or null
+  int32_t pm_mode;                // perceptual mode
+  int32_t strength;               // the magnitude at which the passes stop
+  int32_t* signals;               // count sums of the last pass (0 where left alone), or null
+  uint8_t* scratch;               // embed_repeat_run_scratch_bytes(sp_w, sp_h, count) bytes,
+                                  // aligned for 64-bit values (as malloc gives them)
+};
+
+// Same planes and sums as embed_superpixel_repeat(luma, geometry, first_x +
+// i * sp_w, y, items[i].value, items[i].pattern, texture, pm_mode, strength,
+// items[i].target, scratch) for every item with a pattern, left to right.
+using EmbedRepeatRunKernel = void(const EmbedRepeatRun* run);
+EmbedRepeatRunKernel embed_repeat_run;
+
+// Work space of every table's run kernel for a run of count superpixels;
+// -1 for a run too large to work on in one piece.
+int64_t embed_repeat_run_scratch_bytes(int32_t sp_w, int32_t sp_h, int32_t count);
+
 }  // namespace lumamark

@@ -1,11 +1,14 @@
 // Per-superpixel embedding: amplitudes by perceptual mode, clamping, the
-// texture weight and the border-activity bands.
+// texture weight, the border-activity bands and the passes of repeated
+// embedding.
 #include "kernels/embed.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <vector>
+
+#include "kernels/dispatch.h"
 
 namespace lumamark {
 namespace {
@@ -67,6 +70,57 @@ TEST(Embed, BorderActivityBands) {
   const uint8_t two[2] = {0, 255};
   EXPECT_EQ(127 * 127 + 128 * 128, block_ssd(two, 2, 1, 2));
   EXPECT_EQ(0, block_ssd(two, 2, 0, 2));
+}
+
+
+// Repeated (deep-fake) embedding of a run of four 7 x 7 superpixels on a
+// level of 100, pattern byte 1 on the 5 x 5 inner area, plain amplitudes,
+// strength 3, with every table's run kernel. Each pass adds the next
+// magnitude; the passes stop when the magnitude reaches the strength or one
+// pass's sum reaches the target; the sum returned is the last pass's.
+TEST(Embed, RepeatedPassesStopAtStrengthOrTarget) {
+  constexpr int32_t kSide = 7, kWidth = 4 * kSide;
+  std::vector<int8_t> pattern(kSide * kSide, 0);
+  for (int r = 1; r < kSide - 1; ++r) {
+    for (int c = 1; c < kSide - 1; ++c) pattern[r * kSide + c] = 1;
+  }
+  const struct { uint8_t level; int32_t value; int64_t target; uint8_t after; int32_t sum; } cases[4] = {
+      {100, 1, INT64_MAX, 103, 2 * 25},  // +1 then +2; magnitude 3 ends it
+      {100, 1, 0, 101, 25},              // a target of 0 is met by the first pass
+      {100, -2, INT64_MAX, 98, -2 * 25}, // one pass: magnitude 3 comes next
+      {254, 1, INT64_MAX, 255, 0},       // the second pass finds every pixel at 255
+  };
+  for (const KernelTable* t : {&kernel_table(KernelSet::Plain), &kernel_table(KernelSet::Avx2)}) {
+    if (t == &kernel_table(KernelSet::Avx2) && !kernel_set_supported(KernelSet::Avx2)) continue;
+    for (const bool leave_last_alone : {false, true}) {
+      std::vector<uint8_t> frame(kWidth * kSide);
+      std::vector<RepeatItem> items;
+      for (int i = 0; i < 4; ++i) {
+        for (int r = 0; r < kSide; ++r) {
+          for (int c = 0; c < kSide; ++c) frame[r * kWidth + i * kSide + c] = cases[i].level;
+        }
+        items.push_back({pattern.data(), cases[i].value, cases[i].target});
+      }
+      if (leave_last_alone) items[3].pattern = nullptr;
+      const FrameGeometry g{kWidth, kSide, kWidth, kSide, kSide, 1, 1};
+      std::vector<uint8_t> scratch(static_cast<size_t>(embed_repeat_run_scratch_bytes(kSide, kSide, 4)));
+      std::vector<int32_t> sums(4, -7);
+      const EmbedRepeatRun run{frame.data(), &g, 0, 0, 4, items.data(), nullptr, 0, 3, sums.data(), scratch.data()};
+      t->embed_repeat_run(&run);
+      for (int i = 0; i < 4; ++i) {
+        const bool alone = leave_last_alone && i == 3;
+        SCOPED_TRACE(testing::Message() << t->name << " superpixel " << i << (alone ? " left alone" : ""));
+        EXPECT_EQ(alone ? 0 : cases[i].sum, sums[i]);
+        for (int r = 0; r < kSide; ++r) {
+          for (int c = 0; c < kSide; ++c) {
+            const bool inner = r > 0 && r < kSide - 1 && c > 0 && c < kSide - 1;
+            ASSERT_EQ(inner && !alone ? cases[i].after : cases[i].level, frame[r * kWidth + i * kSide + c])
+                << "row " << r << " column " << c;
+          }
+        }
+      }
+    }
+  }
 }
 
 }  // namespace

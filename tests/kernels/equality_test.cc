@@ -83,11 +83,13 @@ TEST(KernelEquality, SignalMeasure) {
 }
 
 // Whole grids, one superpixel row of them at a time in the vector kernel:
-// random sides up to 70 (the vector path stops at 64), borders, strides and
-// grid sizes, with guard values around the output.
+// random sides up to 70 (the vector paths stop at 16 and 64 pixels wide),
+// borders, strides (the row pitch may end with the last superpixel) and grid
+// sizes (the last step of a row may hold fewer superpixels than the others),
+// with guard values around the output.
 TEST(KernelEquality, SignalMeasureGrid) {
   std::mt19937 rng(19);
-  for (int iter = 0; iter < 400; ++iter) {
+  for (int iter = 0; iter < 800; ++iter) {
     const int32_t sp_w = 1 + rng() % (iter % 5 ? 16 : 70), sp_h = 1 + rng() % (iter % 7 ? 16 : 70);
     const int32_t bw = iter % 53 ? static_cast<int32_t>(rng() % 6) - 1 : INT32_MAX;
     const int32_t bh = static_cast<int32_t>(rng() % 6) - 1;
@@ -242,6 +244,91 @@ TEST(KernelEquality, EmbedSuperpixelRepeated) {
       ASSERT_EQ(want_sum, sum) << t->name << " iter " << iter;
       ASSERT_EQ(want, got) << t->name << " iter " << iter << " sp " << sp_w << "x" << sp_h << " pm " << pm
                            << " value " << value << " strength " << strength;
+    }
+  }
+}
+
+// Runs of repeated (deep-fake) embeddings on one superpixel row: each table's
+// run kernel against one plain repeated embedding per superpixel, planes and
+// sums, with superpixels left alone, runs that end at the frame's right or
+// bottom edge, every mode, magnitudes that pass 127 and 255, targets met at
+// once, early or never, and runs cut in two.
+TEST(KernelEquality, EmbedRepeatRuns) {
+  std::mt19937 rng(4242);
+  const int32_t modes[] = {0, 1, 2, 3, 3, 3, 7};
+  for (int iter = 0; iter < 800; ++iter) {
+    const bool large = iter % 10 == 0;
+    const int32_t sp_w = 1 + rng() % (large ? 40 : 17), sp_h = 1 + rng() % (large ? 70 : 17);
+    const int32_t border_w = static_cast<int32_t>(rng() % 5) - 1;
+    const int32_t border_h = rng() % 2 ? border_w : static_cast<int32_t>(rng() % 5) - 1;
+    const int32_t pm = modes[rng() % 7], count = rng() % (large ? 6 : 40);
+    const int32_t first_x = rng() % 20, y = rng() % 5;
+    const int32_t frame_w = first_x + count * sp_w + (rng() % 3 ? rng() % 9 : 0) + (count == 0);
+    const int32_t frame_h = y + sp_h + (rng() % 3 ? rng() % 3 : 0);
+    const int32_t stride = frame_w + rng() % 5;
+    const Bytes frame = picture(static_cast<size_t>(stride) * frame_h, rng);
+    Bytes texture(static_cast<size_t>(frame_w) * frame_h);
+    const int tex_top = rng() % 3 ? 51 : 256;
+    for (auto& t : texture) t = static_cast<uint8_t>(rng() % tex_top);
+    const uint8_t* tex = rng() % 5 ? texture.data() : nullptr;
+    std::vector<std::vector<int8_t>> patterns;
+    for (int k = 0; k < 4; ++k) {
+      patterns.push_back(make_pattern(sp_w, sp_h, border_or_default(border_w, sp_w),
+                                      border_or_default(border_h, sp_h), rng));
+    }
+    const int32_t strength = rng() % 4 ? 1 + static_cast<int32_t>(rng() % 6) : 1 + static_cast<int32_t>(rng() % 300);
+    std::vector<RepeatItem> items(count);
+    for (auto& item : items) {
+      item.pattern = rng() % 6 ? patterns[rng() % 4].data() : nullptr;
+      item.value = static_cast<int32_t>(rng() % 2 ? rng() % 24 : rng() % 600) - (rng() % 2 ? 300 : 12);
+      const int kind = rng() % 4;
+      item.target = kind == 0 ? 0 : kind == 1 ? INT64_MAX : static_cast<int64_t>(rng() % 400);
+    }
+    const FrameGeometry g{frame_w, frame_h, stride, sp_w, sp_h, border_w, border_h};
+    Bytes want = frame;
+    std::vector<int32_t> want_sums(count + 2, -7);
+    std::vector<int8_t> pass(static_cast<size_t>(sp_w) * sp_h);
+    for (int32_t i = 0; i < count; ++i) {
+      if (items[i].pattern == nullptr) {
+        want_sums[i + 1] = 0;
+        continue;
+      }
+      want_sums[i + 1] = embed_superpixel_repeat(want.data() + kGuard, &g, first_x + i * sp_w, y, items[i].value,
+                                                 items[i].pattern, tex, pm, strength, items[i].target, pass.data());
+    }
+    const int64_t scratch_bytes = embed_repeat_run_scratch_bytes(sp_w, sp_h, count);
+    ASSERT_GE(scratch_bytes, static_cast<int64_t>(sp_w) * sp_h);
+    for (const KernelTable* t : tables()) {
+      SCOPED_TRACE(testing::Message() << t->name << " iter " << iter << " sp " << sp_w << "x" << sp_h
+                                      << " borders " << border_w << "," << border_h << " pm " << pm
+                                      << " count " << count << " strength " << strength);
+      for (const bool with_sums : {true, false}) {
+        Bytes got = frame;
+        std::vector<int32_t> sums(count + 2, -7);
+        std::vector<uint8_t> scratch(static_cast<size_t>(scratch_bytes));
+        const EmbedRepeatRun run{got.data() + kGuard, &g, y, first_x, count, items.data(), tex, pm, strength,
+                                 with_sums ? sums.data() + 1 : nullptr, scratch.data()};
+        t->embed_repeat_run(&run);
+        ASSERT_EQ(want, got);
+        if (with_sums) {
+          ASSERT_EQ(want_sums, sums);
+        }
+      }
+      // Worker threads split a superpixel row anywhere: the run cut in two,
+      // right part first, gives the same plane, so neither part reads or
+      // writes a pixel of the other.
+      const int32_t cut = count == 0 ? 0 : static_cast<int32_t>(rng() % (count + 1));
+      Bytes got = frame;
+      std::vector<int32_t> sums(count + 2, -7);
+      std::vector<uint8_t> scratch(static_cast<size_t>(scratch_bytes));
+      const EmbedRepeatRun right{got.data() + kGuard, &g, y, first_x + cut * sp_w, count - cut, items.data() + cut,
+                                 tex, pm, strength, sums.data() + 1 + cut, scratch.data()};
+      const EmbedRepeatRun left{got.data() + kGuard, &g, y, first_x, cut, items.data(), tex, pm, strength,
+                                sums.data() + 1, scratch.data()};
+      t->embed_repeat_run(&right);
+      t->embed_repeat_run(&left);
+      ASSERT_EQ(want, got) << "cut at " << cut;
+      ASSERT_EQ(want_sums, sums) << "cut at " << cut;
     }
   }
 }

@@ -19,6 +19,7 @@ EmbedBandKernel embed_band_avx2;
 EmbedPrepareKernel embed_band_prepare_avx2;
 EmbedSuperpixelKernel embed_superpixel_avx2;
 EmbedRepeatKernel embed_superpixel_repeat_avx2;
+EmbedRepeatRunKernel embed_repeat_run_avx2;
 SignalMeasureKernel signal_measure_avx2;
 SignalMeasureGridKernel signal_measure_grid_avx2;
 

@@ -5,6 +5,8 @@
 #include <immintrin.h>
 
 #include <cstddef>
+#include <cstring>
+#include <type_traits>
 
 #include "kernels/embed.h"
 #include "kernels/intmath.h"
@@ -29,14 +31,70 @@ inline uint32_t nonzero_bits(__m128i bytes, int32_t n) {
 // one generator output serves eight non-zero pattern bytes.
 inline void superpixel_noise(uint8_t* random, int32_t x, int32_t y, int32_t frame_w,
                              int32_t frame_h, int32_t nonzero) {
-  const uint32_t lo = (static_cast<uint32_t>(y) << 16) ^
-                      (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
-                      static_cast<uint32_t>(wrap_add(x, 1));
-  Prng64 noise{};
-  prng64_seed(&noise, lo, lo ^ 0xacbdef01u);
+  // prng64_seed and prng64_next, with the state kept in registers.
+  uint32_t s0 = (static_cast<uint32_t>(y) << 16) ^
+                (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h)) ^
+                static_cast<uint32_t>(wrap_add(x, 1));
+  uint32_t s1 = s0 ^ 0xacbdef01u;
   for (int32_t k = 0; k * 8 < nonzero; ++k) {
-    const uint64_t bytes = prng64_next_u64(&noise);
+    const uint32_t t = s1 ^ s0;
+    s0 = rotr32(s0, 6) ^ t ^ (t << 9);
+    s1 = rotr32(t, 19);
+    const uint64_t bytes = static_cast<uint64_t>(s0) | (static_cast<uint64_t>(s1) << 32);
     __builtin_memcpy(random + k * 8, &bytes, 8);
+  }
+}
+
+// Bytes of random numbers kept per superpixel of a run whose patterns have at
+// most 64 bytes: eight generator outputs, and room for a sixteen-byte read
+// from any of them.
+constexpr size_t kNoiseSlot = 80;
+
+inline __m256i rotr_lanes(__m256i v, int n) {
+  return _mm256_or_si256(_mm256_srli_epi32(v, n), _mm256_slli_epi32(v, 32 - n));
+}
+
+// The random bytes of the count superpixels of a run (superpixel i at column
+// first_x + i x sp_w, row y), each with as many generator outputs as its
+// mask's non-zero bytes take, as superpixel_noise gives them, into
+// kNoiseSlot bytes each: eight superpixels at a time, one per 32-bit lane.
+// The slots are rounded up to a multiple of eight superpixels.
+inline void run_noise(uint8_t* noise, const uint64_t* masks, int32_t count, int32_t first_x, int32_t sp_w,
+                      int32_t y, int32_t frame_w, int32_t frame_h) {
+  const uint32_t row_seed = (static_cast<uint32_t>(y) << 16) ^
+                            (static_cast<uint32_t>(frame_w) ^ static_cast<uint32_t>(frame_h));
+  const __m256i spread = _mm256_mullo_epi32(_mm256_set1_epi32(sp_w), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+  for (int32_t g0 = 0; g0 < count; g0 += 8) {
+    int32_t steps = 0;
+    for (int32_t l = 0; l < 8 && g0 + l < count; ++l) {
+      const int32_t need = (__builtin_popcountll(masks[g0 + l]) + 7) / 8;
+      steps = need > steps ? need : steps;
+    }
+    // x + 1 of each lane's superpixel, in wrapping 32-bit arithmetic.
+    const uint32_t x1 = static_cast<uint32_t>(first_x) + static_cast<uint32_t>(g0) * static_cast<uint32_t>(sp_w) + 1u;
+    __m256i s0 = _mm256_xor_si256(_mm256_set1_epi32(static_cast<int32_t>(row_seed)),
+                                  _mm256_add_epi32(_mm256_set1_epi32(static_cast<int32_t>(x1)), spread));
+    __m256i s1 = _mm256_xor_si256(s0, _mm256_set1_epi32(static_cast<int32_t>(0xacbdef01u)));
+    uint8_t* slot = noise + static_cast<size_t>(g0) * kNoiseSlot;
+    for (int32_t k = 0; k < steps; ++k) {
+      const __m256i t = _mm256_xor_si256(s1, s0);
+      s0 = _mm256_xor_si256(_mm256_xor_si256(rotr_lanes(s0, 6), t), _mm256_slli_epi32(t, 9));
+      s1 = rotr_lanes(t, 19);
+      // Each lane's output: s0 then s1, little-endian.
+      const __m256i lo = _mm256_unpacklo_epi32(s0, s1);  // lanes 0, 1 | 4, 5
+      const __m256i hi = _mm256_unpackhi_epi32(s0, s1);  // lanes 2, 3 | 6, 7
+      uint8_t* out = slot + k * 8;
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(lo));
+      _mm_storeh_pd(reinterpret_cast<double*>(out + kNoiseSlot), _mm_castsi128_pd(_mm256_castsi256_si128(lo)));
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 2 * kNoiseSlot), _mm256_castsi256_si128(hi));
+      _mm_storeh_pd(reinterpret_cast<double*>(out + 3 * kNoiseSlot), _mm_castsi128_pd(_mm256_castsi256_si128(hi)));
+      const __m128i lo_up = _mm256_extracti128_si256(lo, 1);
+      const __m128i hi_up = _mm256_extracti128_si256(hi, 1);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 4 * kNoiseSlot), lo_up);
+      _mm_storeh_pd(reinterpret_cast<double*>(out + 5 * kNoiseSlot), _mm_castsi128_pd(lo_up));
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 6 * kNoiseSlot), hi_up);
+      _mm_storeh_pd(reinterpret_cast<double*>(out + 7 * kNoiseSlot), _mm_castsi128_pd(hi_up));
+    }
   }
 }
 
@@ -253,6 +311,315 @@ int32_t embed_superpixel_repeat_avx2(uint8_t* luma, const FrameGeometry* geometr
     store_row16(line, _mm256_castsi256_si128(packed), sp_w);
   }
   return signal;
+}
+
+}  // namespace lumamark
+
+namespace lumamark {
+
+// The repeated embedding of a run of superpixels, one pass at a time across
+// the whole run: each pixel row of the run is worked on sixteen pixels per
+// step, every pixel in its own 16-bit lane, with the amplitude of each
+// superpixel's pass spread over its columns (0 for superpixels that are done).
+// Outside border-activity mode every pass of a superpixel changes the same
+// pixels, with the same random bytes, so each pixel's weight is worked out
+// once: the random byte plus 128 plus 24 times the texture in perceptual mode,
+// 1024 otherwise (so that (amplitude x weight) >> 10 is the amplitude), and 0
+// where the pattern byte is 0. After each pass the changes of every superpixel
+// are summed and its next pass decided, as embed_superpixel_repeat does.
+void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
+  const FrameGeometry* g = run->geometry;
+  const int32_t sp_w = g->sp_w;
+  const int32_t sp_h = g->sp_h;
+  const int32_t count = run->count;
+  const int32_t pm_mode = run->pm_mode;
+  if (count < 1) return;
+  if (sp_w < 1 || sp_w > kMaxWidth || sp_h < 1 || sp_h > kMaxHeight || pm_mode == 2) {
+    for (int32_t i = 0; i < count; ++i) {
+      const RepeatItem& item = run->items[i];
+      int32_t signal = 0;
+      if (item.pattern != nullptr) {
+        signal = embed_superpixel_repeat_avx2(run->luma, g, run->first_x + i * sp_w, run->y, item.value,
+                                              item.pattern, run->texture, pm_mode, run->strength,
+                                              item.target, reinterpret_cast<int8_t*>(run->scratch));
+      }
+      if (run->signals != nullptr) run->signals[i] = signal;
+    }
+    return;
+  }
+  const bool perceptual = pm_mode == 3 && run->texture != nullptr;
+  // The attenuation table outside border-activity mode: the identity for
+  // modes 0 and 3, amplitude 1 for all others.
+  int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  if (pm_mode != 0 && pm_mode != 3) {
+    for (int32_t i = 1; i < 8; ++i) small[i] = 1;
+  }
+
+  const int32_t n = count * sp_w;  // pixels of the run, at most the frame width
+  const size_t lanes = static_cast<size_t>(n) + 64;
+  uint8_t* rnd8 = run->scratch;                                             // sp_h rows
+  uint8_t* live8 = rnd8 + static_cast<size_t>(sp_h) * lanes;                // sp_h rows
+  int16_t* w16 = reinterpret_cast<int16_t*>(live8 + static_cast<size_t>(sp_h) * lanes);  // sp_h rows
+  int16_t* amp16 = w16 + static_cast<size_t>(sp_h) * lanes;
+  int16_t* sum16 = amp16 + lanes;
+  int32_t* level = reinterpret_cast<int32_t*>(sum16 + lanes);  // a of the next pass
+  int32_t* state = level + count;                              // 1 alive, 2 going
+  int32_t* sums = state + count;                               // sum of the last pass
+
+  const int32_t area = sp_w * sp_h;
+  uint64_t used_rows = 0;
+  int32_t going = 0;
+  for (int32_t i = 0; i < count; ++i) {
+    sums[i] = 0;
+    state[i] = run->items[i].pattern != nullptr ? 3 : 0;
+    level[i] = run->items[i].value;
+    going += state[i] != 0;
+  }
+  if (going == 0) {
+    if (run->signals != nullptr) {
+      for (int32_t i = 0; i < count; ++i) run->signals[i] = 0;
+    }
+    return;
+  }
+
+  // Per superpixel and pixel row: which pixels change and their random bytes.
+  const __m128i minus1 = _mm_set1_epi8(-1);
+  if (area >= 16 && area <= 64 && sp_w <= 8) {
+    // One mask for each whole pattern, from sixteen bytes at a time (the
+    // last sixteen may overlap the ones before); only the rows where some
+    // pattern of the run has a non-zero byte are worked on.
+    const size_t after_sums = static_cast<size_t>(reinterpret_cast<uint8_t*>(sums + count) - run->scratch);
+    uint64_t* masks = reinterpret_cast<uint64_t*>(run->scratch + ((after_sums + 7) & ~size_t{7}));
+    uint8_t* noise = reinterpret_cast<uint8_t*>(masks + count);  // kNoiseSlot bytes per superpixel
+    uint64_t any_mask = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      const uint8_t* pattern = reinterpret_cast<const uint8_t*>(run->items[i].pattern);
+      uint64_t mask = 0;
+      if (pattern != nullptr) {
+        int32_t at = 0;
+        for (; at + 16 <= area; at += 16) {
+          mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at)), 16)} << at;
+        }
+        if (at < area) {
+          mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + area - 16)), 16)}
+                  << (area - 16);
+        }
+      }
+      masks[i] = mask;
+      any_mask |= mask;
+    }
+    const uint64_t row_bits = (uint64_t{1} << sp_w) - 1;
+    for (int32_t r = 0; r < sp_h; ++r) {
+      used_rows |= uint64_t{((any_mask >> (r * sp_w)) & row_bits) != 0} << r;
+    }
+    if (perceptual) run_noise(noise, masks, count, run->first_x, sp_w, run->y, g->width, g->height);
+    // Rows before the first one with a non-zero byte take no random bytes.
+    const int32_t skip = used_rows != 0 ? __builtin_ctzll(used_rows) : sp_h;
+    const int32_t stop = used_rows != 0 ? 64 - __builtin_clzll(used_rows) : sp_h;
+    for (int32_t i = 0; i < count; ++i) {
+      uint64_t mask = masks[i] >> (skip < sp_h ? skip * sp_w : 0);
+      const uint8_t* random = noise + static_cast<size_t>(i) * kNoiseSlot;
+      const size_t x = static_cast<size_t>(i) * sp_w;
+      int32_t rank = 0;
+      for (int32_t r = skip; r < stop; ++r) {
+        const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
+        mask >>= sp_w;
+        const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), _mm_cmpgt_epi8(e, minus1));
+        if (perceptual) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x),
+                           _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e));
+          rank += __builtin_popcount(nz);
+        }
+      }
+    }
+  } else {
+    alignas(16) uint8_t random[(kMaxWidth * kMaxHeight / 8 + 2) * 8] = {};
+    for (int32_t i = 0; i < count; ++i) {
+      const uint8_t* pattern = reinterpret_cast<const uint8_t*>(run->items[i].pattern);
+      const size_t x = static_cast<size_t>(i) * sp_w;
+      uint32_t bits[kMaxHeight];
+      int32_t nonzero = 0;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        const int32_t at = r * sp_w;
+        __m128i pat = _mm_setzero_si128();
+        if (pattern != nullptr) {
+          pat = at + 16 <= area ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at))
+                                : load_row16(pattern + at, sp_w);
+        }
+        bits[r] = nonzero_bits(pat, sp_w);
+        nonzero += __builtin_popcount(bits[r]);
+        used_rows |= uint64_t{bits[r] != 0} << r;
+      }
+      if (perceptual && nonzero > 0) {
+        superpixel_noise(random, run->first_x + static_cast<int32_t>(x), run->y, g->width, g->height, nonzero);
+      }
+      int32_t rank = 0;
+      for (int32_t r = 0; r < sp_h; ++r) {
+        const uint32_t nz = bits[r];
+        const __m128i e_lo = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz & 0xFF]));
+        __m128i live = _mm_cmpgt_epi8(e_lo, minus1);
+        __m128i rnd = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_lo);
+        rank += __builtin_popcount(nz & 0xFF);
+        if (sp_w > 8) {
+          const __m128i e_hi = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz >> 8]));
+          live = _mm_unpacklo_epi64(live, _mm_cmpgt_epi8(e_hi, minus1));
+          rnd = _mm_unpacklo_epi64(
+              rnd, _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e_hi));
+          rank += __builtin_popcount(nz >> 8);
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x), rnd);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), live);
+      }
+    }
+  }
+  if (used_rows == 0) {
+    // No pattern changes a pixel: every pass sums to 0.
+    if (run->signals != nullptr) {
+      for (int32_t i = 0; i < count; ++i) run->signals[i] = 0;
+    }
+    return;
+  }
+  // The rows from the first to the last that some pattern changes (those in
+  // between that none changes weigh 0 throughout).
+  const int32_t first_row = __builtin_ctzll(used_rows);
+  const int32_t end_row = 64 - __builtin_clzll(used_rows);
+
+  // The weight of every pixel of the rows that change. Lanes past the run
+  // weigh 0. The column sums start at 0 (with the first row).
+  const __m256i zero16 = _mm256_setzero_si256();
+  bool sums_zeroed = false;
+  const __m256i k24 = _mm256_set1_epi16(24);
+  const __m256i k128 = _mm256_set1_epi16(128);
+  const __m256i k1024 = _mm256_set1_epi16(1024);
+  for (int32_t r = first_row; r < end_row; ++r) {
+    uint8_t* rnd_row = rnd8 + r * lanes;
+    uint8_t* live_row = live8 + r * lanes;
+    std::memset(rnd_row + n, 0, 32);
+    std::memset(live_row + n, 0, 32);
+    const uint8_t* tex_row = perceptual ? run->texture + (static_cast<ptrdiff_t>(run->y) + r) * g->width + run->first_x
+                                        : nullptr;
+    int16_t* w_row = w16 + r * lanes;
+    auto weigh = [&](int32_t x, auto whole) {
+      const __m256i live = _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(live_row + x)));
+      __m256i w = k1024;
+      if (perceptual) {
+        const __m256i rnd = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd_row + x)));
+        __m128i t8;
+        if constexpr (whole) {
+          t8 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tex_row + x));
+        } else {
+          t8 = load_row16(tex_row + x, n - x);
+        }
+        w = _mm256_add_epi16(_mm256_add_epi16(rnd, k128), _mm256_mullo_epi16(_mm256_cvtepu8_epi16(t8), k24));
+      }
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(w_row + x), _mm256_and_si256(w, live));
+      if (!sums_zeroed) _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), zero16);
+    };
+    int32_t x = 0;
+    for (; x + 16 <= n; x += 16) weigh(x, std::true_type{});
+    if (x < n) weigh(x, std::false_type{});
+    sums_zeroed = true;
+  }
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + n), zero16);  // read, and masked off, with the last columns
+
+  const __m256i k255 = _mm256_set1_epi16(255);
+  const __m256i ones16 = _mm256_set1_epi16(1);
+  const __m256i own_columns = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(sp_w)),
+                                             _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
+  auto magnitude = [](int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : static_cast<int64_t>(v); };
+  while (going > 0) {
+    // This pass's signed amplitude of every superpixel times 64 (at most
+    // 128 x 64 in magnitude), over its columns.
+    for (int32_t i = 0; i < count; ++i) {
+      int32_t sa = 0;
+      if ((state[i] & 2) != 0) {
+        const int32_t a = level[i];
+        const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
+        if (amp == 0) state[i] &= ~1;  // a low byte of 0 zeroes the pattern for good
+        if ((state[i] & 1) != 0) {
+          int32_t eff = amp;
+          if (eff >= 0 && eff <= 7) eff = imin(eff, small[eff]);
+          sa = a < 0 ? -eff : eff;
+        }
+      }
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + static_cast<size_t>(i) * sp_w),
+                          _mm256_set1_epi16(static_cast<int16_t>(sa * 64)));
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + n), zero16);
+    // Sixteen columns at a time, down the rows that change, with their sums
+    // in a register.
+    const ptrdiff_t pitch = g->stride;
+    uint8_t* first_line = run->luma + (static_cast<ptrdiff_t>(run->y) + first_row) * g->stride + run->first_x;
+    const int16_t* first_weights = w16 + static_cast<size_t>(first_row) * lanes;
+    // The sixteen columns from x on; the last step of the run may hold fewer.
+    auto step = [&](int32_t x, auto whole) {
+      const __m256i sa = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp16 + x));
+      if (_mm256_testz_si256(sa, sa)) return;
+      const __m256i mag = _mm256_abs_epi16(sa);
+      uint8_t* line = first_line + x;
+      const int16_t* w_row = first_weights + x;
+      __m256i sum = zero16;
+      for (int32_t r = first_row; r < end_row; ++r, line += pitch, w_row += lanes) {
+        __m128i bytes;
+        if constexpr (whole) {
+          bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line));
+        } else {
+          bytes = load_row16(line, n - x);
+        }
+        const __m256i old = _mm256_cvtepu8_epi16(bytes);
+        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w_row));
+        // (|a| x weight) >> 10 as the high half of (64 |a|) x weight, then
+        // the sign of a: the division truncates toward zero.
+        const __m256i q = _mm256_mulhi_epu16(mag, w);
+        const __m256i now =
+            _mm256_max_epi16(_mm256_min_epi16(_mm256_add_epi16(old, _mm256_sign_epi16(q, sa)), k255), zero16);
+        // At most 64 rows of changes of at most 255 per lane: no 16-bit overflow.
+        sum = _mm256_add_epi16(sum, _mm256_sub_epi16(now, old));
+        const __m128i packed = _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi16(now, now), 0x08));
+        if constexpr (whole) {
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(line), packed);
+        } else {
+          store_row16(line, packed, n - x);
+        }
+      }
+      // The columns held 0 (see below).
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), sum);
+    };
+    int32_t x = 0;
+    for (; x + 16 <= n; x += 16) step(x, std::true_type{});
+    if (x < n) step(x, std::false_type{});
+    // Each superpixel's sum; then its columns back to 0 (the columns of
+    // superpixels without a pass stay 0), and whether it takes another
+    // pass. All sums are read before any column is cleared: a clearing store
+    // covers sixteen columns, and so the next superpixels' too.
+    for (int32_t i = 0; i < count; ++i) {
+      if ((state[i] & 2) == 0) continue;
+      // The superpixel's sp_w columns of the sixteen from its first on.
+      const __m256i columns = _mm256_and_si256(
+          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + static_cast<size_t>(i) * sp_w)), own_columns);
+      const __m256i wide = _mm256_madd_epi16(columns, ones16);
+      __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
+      s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
+      s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
+      sums[i] = _mm_cvtsi128_si32(s4);
+    }
+    going = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      if ((state[i] & 2) == 0) continue;
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + static_cast<size_t>(i) * sp_w), zero16);
+      const int32_t a = level[i];
+      level[i] = a < 0 ? wrap_sub(a, 1) : wrap_add(a, 1);
+      if (magnitude(level[i]) >= run->strength || run->items[i].target <= magnitude(sums[i])) {
+        state[i] &= ~2;
+      } else {
+        ++going;
+      }
+    }
+  }
+  if (run->signals != nullptr) {
+    for (int32_t i = 0; i < count; ++i) run->signals[i] = sums[i];
+  }
 }
 
 }  // namespace lumamark

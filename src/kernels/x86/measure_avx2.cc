@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <type_traits>
 
 #include "kernels/divide.h"
 #include "kernels/intmath.h"
@@ -47,7 +48,7 @@ inline __m256i interpolate(__m256i lo, __m256i w_lo, __m256i hi, __m256i w_hi, c
 // kernel chooses it: dh < min(dv, dm) takes the horizontal one h, else
 // dm <= dv the mean m of both, else the vertical one v.
 inline __m256i closest_residual(__m256i p, __m256i h, __m256i v) {
-  const __m256i m = _mm256_srli_epi16(_mm256_add_epi16(_mm256_add_epi16(h, v), _mm256_set1_epi16(1)), 1);
+  const __m256i m = _mm256_avg_epu16(h, v);  // (h + v + 1) / 2
   const __m256i rh = _mm256_sub_epi16(p, h);
   const __m256i rv = _mm256_sub_epi16(p, v);
   const __m256i rm = _mm256_sub_epi16(p, m);
@@ -138,6 +139,119 @@ int32_t signal_measure_avx2(const uint8_t* luma, const FrameGeometry* geometry, 
 }  // namespace lumamark
 
 namespace lumamark {
+namespace {
+
+// The measures of one superpixel row of superpixels at most 16 pixels wide,
+// k = 16 / sp_w whole superpixels per step: sixteen samples from the first
+// one's left edge on, each in its own 16-bit lane. Since a step starts on a
+// superpixel's edge, every lane's horizontal weights are the same in every
+// step, and the left and right border samples of the step's superpixels are
+// spread over their lanes by one byte shuffle each. The residuals of the
+// inner rows are summed per lane in a register, then per superpixel.
+struct NarrowGrid {
+  int32_t sp_w, sp_h, bw, bh, iw, ih, cols, n, per_step;
+  __m128i take_left, take_right;  // byte shuffles: each lane's left and right border sample
+  __m256i w_left, w_right, inner;  // per lane; 0 outside the inner columns
+  __m256i which;                   // per lane: which superpixel of the step (16 past the last)
+};
+
+void narrow_grid_setup(NarrowGrid* grid, int32_t cols, int32_t sp_w, int32_t sp_h, int32_t bw, int32_t bh) {
+  grid->sp_w = sp_w;
+  grid->sp_h = sp_h;
+  grid->bw = bw;
+  grid->bh = bh;
+  grid->iw = sp_w - 2 * bw;
+  grid->ih = sp_h - 2 * bh;
+  grid->cols = cols;
+  grid->n = cols * sp_w;
+  grid->per_step = 16 / sp_w;
+  const int32_t nW = grid->iw + 1;
+  alignas(32) uint8_t left[16], right[16];
+  alignas(32) int16_t wl[16], wr[16], in[16], which[16];
+  for (int32_t lane = 0; lane < 16; ++lane) {
+    const int32_t k = lane / sp_w;
+    const int32_t j = lane % sp_w - (bw - 1);
+    const bool whole = k < grid->per_step;
+    const bool inside = whole && j >= 1 && j <= grid->iw;
+    left[lane] = whole ? static_cast<uint8_t>(k * sp_w + bw - 1) : 0x80;
+    right[lane] = whole ? static_cast<uint8_t>(k * sp_w + sp_w - bw) : 0x80;
+    wl[lane] = static_cast<int16_t>(inside ? nW - j : 0);
+    wr[lane] = static_cast<int16_t>(inside ? j : 0);
+    in[lane] = static_cast<int16_t>(inside ? -1 : 0);
+    which[lane] = static_cast<int16_t>(whole ? k : 16);
+  }
+  grid->take_left = _mm_load_si128(reinterpret_cast<const __m128i*>(left));
+  grid->take_right = _mm_load_si128(reinterpret_cast<const __m128i*>(right));
+  grid->w_left = _mm256_load_si256(reinterpret_cast<const __m256i*>(wl));
+  grid->w_right = _mm256_load_si256(reinterpret_cast<const __m256i*>(wr));
+  grid->inner = _mm256_load_si256(reinterpret_cast<const __m256i*>(in));
+  grid->which = _mm256_load_si256(reinterpret_cast<const __m256i*>(which));
+}
+
+void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitch, int32_t* out) {
+  const int32_t sp_w = grid.sp_w, bh = grid.bh, ih = grid.ih, n = grid.n;
+  const uint32_t nH = static_cast<uint32_t>(ih) + 1;
+  const LaneDivisor by_w(static_cast<uint32_t>(grid.iw) + 1);
+  const LaneDivisor by_h(nH);
+  const __m256i one = _mm256_set1_epi16(1);
+  const uint8_t* top = base + (bh - 1) * pitch;
+  const uint8_t* bottom = base + (grid.sp_h - bh) * pitch;
+  const uint8_t* first_inner = base + bh * pitch;
+  const int32_t step = grid.per_step * sp_w;
+  const __m256i n_h = _mm256_set1_epi16(static_cast<int16_t>(nH));
+  // Lanes of the step's k-th superpixel hold 1, the others 0.
+  __m256i ones_of[16];
+  for (int32_t k = 0; k < grid.per_step; ++k) {
+    ones_of[k] = _mm256_and_si256(_mm256_cmpeq_epi16(grid.which, _mm256_set1_epi16(static_cast<int16_t>(k))), one);
+  }
+  // The step from column x on, superpixel c first; only the last steps may
+  // have fewer than sixteen columns left in the row.
+  auto measure_step = [&](int32_t x, int32_t c, auto whole) {
+    // Sixteen bytes of a row from column x on, never reading past column n.
+    constexpr bool sixteen = decltype(whole)::value;
+    auto bytes_at = [&](const uint8_t* row) {
+      if constexpr (sixteen) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+      } else {
+        return load_row16(row + x, n - x);
+      }
+    };
+    const __m256i t = _mm256_cvtepu8_epi16(bytes_at(top));
+    const __m256i b = _mm256_cvtepu8_epi16(bytes_at(bottom));
+    // The vertical numerator t x (nH - i) + b x i + nH / 2, for i = 1 and
+    // then one row further each time (below 256 nH, so no 16-bit overflow;
+    // b - t wraps in the 16-bit lanes and the sum comes out right).
+    __m256i vertical = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(t, _mm256_sub_epi16(n_h, one)), b),
+                                        by_h.half);
+    const __m256i down = _mm256_sub_epi16(b, t);
+    __m256i sum = _mm256_setzero_si256();
+    const uint8_t* row = first_inner;
+    for (int32_t i = 1; i <= ih; ++i, row += pitch) {
+      const __m128i bytes = bytes_at(row);
+      const __m256i p = _mm256_cvtepu8_epi16(bytes);
+      const __m256i l = _mm256_cvtepu8_epi16(_mm_shuffle_epi8(bytes, grid.take_left));
+      const __m256i r = _mm256_cvtepu8_epi16(_mm_shuffle_epi8(bytes, grid.take_right));
+      const __m256i h = interpolate(l, grid.w_left, r, grid.w_right, by_w);
+      const __m256i v = _mm256_srl_epi16(_mm256_mulhi_epu16(vertical, by_h.mul), by_h.shift);
+      vertical = _mm256_add_epi16(vertical, down);
+      // At most 62 residuals of at most 255 per lane: no 16-bit overflow.
+      sum = _mm256_add_epi16(sum, _mm256_and_si256(closest_residual(p, h, v), grid.inner));
+    }
+    const int32_t here = grid.cols - c < grid.per_step ? grid.cols - c : grid.per_step;
+    for (int32_t k = 0; k < here; ++k) {
+      const __m256i wide = _mm256_madd_epi16(sum, ones_of[k]);
+      __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
+      s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
+      s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
+      out[c + k] = _mm_cvtsi128_si32(s4);
+    }
+  };
+  int32_t x = 0, c = 0;
+  for (; c < grid.cols && x + 16 <= n; x += step, c += grid.per_step) measure_step(x, c, std::true_type{});
+  for (; c < grid.cols; x += step, c += grid.per_step) measure_step(x, c, std::false_type{});
+}
+
+}  // namespace
 
 // The measures of a grid, one superpixel row at a time: every inner row of
 // the band is worked on across the whole band, sixteen columns per step,
@@ -156,6 +270,15 @@ void signal_measure_grid_avx2(const uint8_t* luma, int32_t cols, int32_t rows, i
   if (sp_w > 64 || sp_h > 64 || int64_t{2} * bw >= sp_w || int64_t{2} * bh >= sp_h ||
       int64_t{cols} * sp_w > stride) {
     signal_measure_grid(luma, cols, rows, out, stride, sp_w, sp_h, spb_w, spb_h);
+    return;
+  }
+  if (sp_w <= 16) {
+    NarrowGrid grid;
+    narrow_grid_setup(&grid, cols, sp_w, sp_h, bw, bh);
+    for (int32_t r = 0; r < rows; ++r) {
+      narrow_grid_row(grid, luma + static_cast<ptrdiff_t>(r) * sp_h * stride, stride,
+                      out + static_cast<ptrdiff_t>(r) * cols);
+    }
     return;
   }
   const int32_t iw = sp_w - 2 * bw;
