@@ -69,6 +69,8 @@ TEST(FilterEquality, FramesAndLogsAcrossKernelsAndThreads) {
       {640, 128, 64, 0, 2, 40, 100, 3, 2, 0, -1},  // the widest superpixels
       {300, 60, 6, 3, 3, 100, 100, 3, 2, 0, 1},    // no inner area
       {300, 60, 8, 2147483647, 3, 100, 100, 2, 2, 0, 1},  // borders past the side
+      {210, 98, 7, 0, 3, 100, 100, 3, 2, 1, -1},  // the defaults with deep-fake passes
+      {215, 98, 8, 0, 3, 90, 100, 0, 2, 1, 3},
   };
   struct Variant {
     KernelSet set;
