@@ -7,7 +7,7 @@
 #
 # Usage: scripts/bench_pipeline.sh [--build DIR] [--lumamark PATH] [--dir DIR]
 #                                  [--reps N] [--frames-1080 N] [--frames-2160 N]
-#                                  [--quick]
+#                                  [--quick] [--instructions]
 #
 # Generates a 1080p and a 2160p yuv420p clip with lumamark-sample (kept in
 # --dir between runs), then times every setting --reps times, interleaved
@@ -22,7 +22,9 @@
 # of marking with the least I/O. Last, lumamark-detect on the marked 1080p
 # clip with --threads 1: user milliseconds per frame. --lumamark times
 # another binary (an older build, say) with the same clips and a baseline of
-# its own.
+# its own. --instructions prints instead, for every setting at 1080p with
+# --threads 1, the instructions one more frame costs (callgrind, 10 frames
+# against 5): a figure that does not move with the machine's load.
 #
 # On a machine shared with other work, wall times (and so the ratios) are
 # noisy: compare user and system times, and ratios from the same run only.
@@ -35,6 +37,7 @@ dir=${TMPDIR:-/tmp}/lumamark-bench
 reps=5
 frames_1080=120
 frames_2160=30
+instructions=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --build) build=$2; shift 2 ;;
@@ -44,7 +47,8 @@ while [ $# -gt 0 ]; do
     --frames-1080) frames_1080=$2; shift 2 ;;
     --frames-2160) frames_2160=$2; shift 2 ;;
     --quick) reps=3; frames_1080=30; frames_2160=8; shift ;;
-    -h|--help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --instructions) instructions=1; shift ;;
+    -h|--help) sed -n '2,27p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "unknown option: $1" >&2; exit 2 ;;
   esac
 done
@@ -185,7 +189,33 @@ bench_size() {  # width height frames
   fi
 }
 
+# Instructions of one more frame, per setting, at 1080p.
+count_instructions() {
+  ensure_packages valgrind:valgrind
+  local in
+  in=$(clip 1920 1080 10)
+  head -c $((1920 * 1080 * 3 / 2 * 5)) "$in" > "$work/five.yuv"
+  refs() {  # clip settings... -> instructions of the whole run
+    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$lumamark" --width 1920 --height 1080 \
+      --threads 1 --input-file "$1" --output-file /dev/null "${@:2}" 2>&1 |
+      awk '/refs:/ {gsub(",", "", $NF); print $NF}'
+  }
+  printf '\n1920x1080, --threads 1: instructions per frame (callgrind, 10 frames against 5)\n'
+  local s ten five
+  for s in "${settings[@]}"; do
+    # shellcheck disable=SC2086
+    ten=$(refs "$in" ${s#*|})
+    # shellcheck disable=SC2086
+    five=$(refs "$work/five.yuv" ${s#*|})
+    printf '%-34s %10.2fM\n' "${s%%|*}" "$(calc "($ten - $five) / 5 / 1000000")"
+  done
+}
+
 echo "lumamark pipeline benchmark: $(nproc) processors, $("$lumamark" --version 2>&1 | head -1)"
+if [ "$instructions" = 1 ]; then
+  count_instructions
+  exit 0
+fi
 bench_size 1920 1080 "$frames_1080"
 bench_size 3840 2160 "$frames_2160"
 echo
