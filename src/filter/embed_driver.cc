@@ -83,6 +83,63 @@ int32_t position_class(int32_t sx, int32_t sy, int32_t cols, int32_t rows) {
 
 namespace {
 
+// Which bank pattern each superpixel takes, worked out once per worker: the
+// level of every map byte, as pattern_select picks it (level 0 for the value
+// 0, else (|value| - 1) mod levels), and for each kind of row zone the number
+// of every column's level-0 pattern of its class and variant. Pattern (class,
+// variant, level) is number (class x variants + variant) x levels + level,
+// and starts at number x level_stride in the bank.
+struct PatternNumbers {
+  int32_t level_of[256];
+  int32_t* first = nullptr;  // 3 x cols numbers, one row of columns per row zone
+};
+
+bool pattern_numbers_init(PatternNumbers* p, const EmbedTask* t) {
+  const int32_t cols = t->cols;
+  p->first = static_cast<int32_t*>(std::malloc(static_cast<size_t>(cols) * 3 * sizeof(int32_t)));
+  if (p->first == nullptr) return false;
+  const int32_t levels = t->layout->levels;
+  for (int32_t byte = 0; byte < 256; ++byte) {
+    const int32_t value = wrap_sub(byte, t->strength);
+    p->level_of[byte] = value == 0 ? 0 : static_cast<int32_t>(magnitude(value) - 1) % levels;
+  }
+  for (int32_t z = 0; z < 3; ++z) {
+    for (int32_t sx = 0; sx < cols; ++sx) {
+      const int32_t cls = class_of_zones(zone_of(sx, cols / 4, cols), static_cast<Zone>(z),
+                                         in_centre(sx, cols));
+      p->first[z * cols + sx] = (cls * kVariants + sx % kVariants) * levels;
+    }
+  }
+  return true;
+}
+
+// The superpixels of a worker's range that lie on one superpixel row.
+struct Run {
+  int32_t y;                // top luma row of the superpixel row
+  int32_t sx0;              // column of the first superpixel
+  int32_t count;            // superpixels in the run
+  const int32_t* first_of;  // level-0 pattern numbers of the run's columns
+};
+
+// The run that starts at superpixel i of t's range; false past the grid.
+// The texture map is made ready for every row the run reads.
+bool run_at(EmbedTask* t, const PatternNumbers& numbers, int32_t i, Run* run) {
+  const int32_t cols = t->cols;
+  const int32_t sy = i / cols;
+  if (sy >= t->rows) return false;
+  const int32_t sp_h = t->geometry->sp_h;
+  run->y = sy * sp_h;
+  run->sx0 = i - sy * cols;
+  run->count = imin(t->end, (sy + 1) * cols) - i;
+  run->first_of = numbers.first + zone_of(sy, t->rows / 4, t->rows) * cols + run->sx0;
+  if (t->texture_on_demand != nullptr) {
+    // Every map row that reads a luma row of this superpixel row.
+    const int64_t limit = int64_t{run->y} + sp_h + t->texture_on_demand->rows.radius;
+    texture_until(t->texture_on_demand, static_cast<int32_t>(limit < INT32_MAX ? limit : INT32_MAX));
+  }
+  return true;
+}
+
 // Without deep-fake passes and without a log nothing needs the sum of one
 // superpixel, so the selected superpixels of each superpixel row are embedded
 // together as runs. Returns false (having changed nothing) when the work
@@ -93,61 +150,31 @@ bool embed_runs(EmbedTask* t) {
   const int64_t scratch_bytes = embed_band_scratch_bytes(g.sp_w, g.sp_h, cols);
   uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
   EmbedItem* items = static_cast<EmbedItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(EmbedItem)));
-  // For each kind of row zone, the number of the first pattern (level 0) of
-  // every column's class and variant.
-  int32_t* first_pattern = static_cast<int32_t*>(std::malloc(static_cast<size_t>(cols) * 3 * sizeof(int32_t)));
-  if (scratch == nullptr || items == nullptr || first_pattern == nullptr) {
+  PatternNumbers numbers;
+  if (scratch == nullptr || items == nullptr || !pattern_numbers_init(&numbers, t)) {
     std::free(scratch);
     std::free(items);
-    std::free(first_pattern);
     return false;
   }
   const EmbedBandFn embed = kernels().embed_band;
-  // The bank level of every map byte, as pattern_select picks it: level 0
-  // for the value 0, else (|value| - 1) mod levels. Pattern (class, variant,
-  // level) is number (class x variants + variant) x levels + level.
-  const int32_t levels = t->layout->levels;
-  int32_t level_of[256];
-  for (int32_t byte = 0; byte < 256; ++byte) {
-    const int32_t value = wrap_sub(byte, t->strength);
-    level_of[byte] = value == 0 ? 0 : static_cast<int32_t>(magnitude(value) - 1) % levels;
-  }
-  for (int32_t z = 0; z < 3; ++z) {
-    for (int32_t sx = 0; sx < cols; ++sx) {
-      const int32_t cls = class_of_zones(zone_of(sx, cols / 4, cols), static_cast<Zone>(z),
-                                         in_centre(sx, cols));
-      first_pattern[z * cols + sx] = (cls * kVariants + sx % kVariants) * levels;
-    }
-  }
-  for (int32_t i = t->first; i < t->end;) {
-    const int32_t sy = i / cols;
-    if (sy >= t->rows) break;
-    const int32_t sx0 = i - sy * cols;
-    const int32_t run_end = imin(t->end, (sy + 1) * cols);
-    const int32_t count = run_end - i;
-    const int32_t* first_of = first_pattern + zone_of(sy, t->rows / 4, t->rows) * cols + sx0;
+  Run run;
+  for (int32_t i = t->first; i < t->end && run_at(t, numbers, i, &run); i += run.count) {
     const uint8_t* selection = t->selection + i;
     const uint8_t* map = t->map + i;
-    for (int32_t k = 0; k < count; ++k) {
+    for (int32_t k = 0; k < run.count; ++k) {
       EmbedItem& item = items[k];
       if (selection[k] != 1) {
         item.pattern = nullptr;
         continue;
       }
-      item = t->patterns[first_of[k] + level_of[map[k]]];
+      item = t->patterns[run.first_of[k] + numbers.level_of[map[k]]];
       item.value = wrap_sub(map[k], t->strength);
     }
-    if (t->texture_on_demand != nullptr) {
-      // Every map row that reads a luma row of this superpixel row.
-      const int64_t limit = int64_t{sy} * g.sp_h + g.sp_h + t->texture_on_demand->rows.radius;
-      texture_until(t->texture_on_demand, static_cast<int32_t>(limit < INT32_MAX ? limit : INT32_MAX));
-    }
-    const EmbedBand band{t->luma, t->geometry, sy * g.sp_h, sx0 * g.sp_w, count, items,
+    const EmbedBand band{t->luma, t->geometry, run.y, run.sx0 * g.sp_w, run.count, items,
                          t->texture, t->pm_mode, scratch, t->prepared};
     embed(&band);
-    i = run_end;
   }
-  std::free(first_pattern);
+  std::free(numbers.first);
   std::free(items);
   std::free(scratch);
   return true;
@@ -165,51 +192,26 @@ bool embed_repeat_runs(EmbedTask* t) {
   uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
   RepeatItem* items = static_cast<RepeatItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(RepeatItem)));
   int32_t* signals = static_cast<int32_t*>(std::malloc(static_cast<size_t>(cols) * 2 * sizeof(int32_t)));
-  // For each kind of row zone, the bank offset of every column's class and
-  // variant at level 0.
-  ptrdiff_t* first_pattern = static_cast<ptrdiff_t*>(std::malloc(static_cast<size_t>(cols) * 3 * sizeof(ptrdiff_t)));
-  if (scratch == nullptr || items == nullptr || signals == nullptr || first_pattern == nullptr) {
+  PatternNumbers numbers;
+  if (scratch == nullptr || items == nullptr || signals == nullptr || !pattern_numbers_init(&numbers, t)) {
     std::free(scratch);
     std::free(items);
     std::free(signals);
-    std::free(first_pattern);
     return false;
   }
-  const PatternLayout& layout = *t->layout;
-  // The bank offset of the level of every map byte, as pattern_select picks
-  // it: level 0 for the value 0, else (|value| - 1) mod levels.
-  ptrdiff_t level_offset[256];
-  for (int32_t byte = 0; byte < 256; ++byte) {
-    const int32_t value = wrap_sub(byte, t->strength);
-    const int32_t level = value == 0 ? 0 : static_cast<int32_t>(magnitude(value) - 1) % layout.levels;
-    level_offset[byte] = static_cast<ptrdiff_t>(level) * layout.level_stride;
-  }
-  for (int32_t z = 0; z < 3; ++z) {
-    for (int32_t sx = 0; sx < cols; ++sx) {
-      const int32_t cls = class_of_zones(zone_of(sx, cols / 4, cols), static_cast<Zone>(z),
-                                         in_centre(sx, cols));
-      first_pattern[z * cols + sx] = static_cast<ptrdiff_t>(cls) * layout.class_stride +
-                                     static_cast<ptrdiff_t>(sx % kVariants % layout.variants) * layout.variant_stride;
-    }
-  }
+  const ptrdiff_t level_stride = t->layout->level_stride;
   const KernelTable& k = kernels();
   int32_t* measured_here = signals + cols;
-  for (int32_t i = t->first; i < t->end;) {
-    const int32_t sy = i / cols;
-    if (sy >= t->rows) break;
-    const int32_t sx0 = i - sy * cols;
-    const int32_t run_end = imin(t->end, (sy + 1) * cols);
-    const int32_t count = run_end - i;
-    const ptrdiff_t* first_of = first_pattern + zone_of(sy, t->rows / 4, t->rows) * cols + sx0;
-    const int32_t y = sy * g.sp_h;
+  Run run;
+  for (int32_t i = t->first; i < t->end && run_at(t, numbers, i, &run); i += run.count) {
     if (t->measures == nullptr && t->measure_in_place != 0) {
       // The targets of the run, before any of its pixels change: each
       // superpixel's measure reads only its own pixels, and the row pitch
       // (the frame width) is the stride.
-      k.measure_grid(t->luma + static_cast<ptrdiff_t>(y) * g.stride + static_cast<ptrdiff_t>(sx0) * g.sp_w, count,
-                     1, measured_here, g.stride, g.sp_w, g.sp_h, g.border_w, g.border_h);
+      k.measure_grid(t->luma + static_cast<ptrdiff_t>(run.y) * g.stride + static_cast<ptrdiff_t>(run.sx0) * g.sp_w,
+                     run.count, 1, measured_here, g.stride, g.sp_w, g.sp_h, g.border_w, g.border_h);
     }
-    for (int32_t j = 0; j < count; ++j) {
+    for (int32_t j = 0; j < run.count; ++j) {
       RepeatItem& item = items[j];
       if (t->selection[i + j] != 1) {
         item.pattern = nullptr;
@@ -223,32 +225,26 @@ bool embed_repeat_runs(EmbedTask* t) {
       } else if (t->measure_in_place != 0) {
         measured = measured_here[j];
       }
-      item = RepeatItem{t->bank + first_of[j] + level_offset[byte], wrap_sub(byte, t->strength),
-                        magnitude(measured)};
+      const ptrdiff_t number = run.first_of[j] + numbers.level_of[byte];
+      item = RepeatItem{t->bank + number * level_stride, wrap_sub(byte, t->strength), magnitude(measured)};
     }
-    if (t->texture_on_demand != nullptr) {
-      // Every map row that reads a luma row of this superpixel row.
-      const int64_t limit = int64_t{y} + g.sp_h + t->texture_on_demand->rows.radius;
-      texture_until(t->texture_on_demand, static_cast<int32_t>(limit < INT32_MAX ? limit : INT32_MAX));
-    }
-    const EmbedRepeatRun run{t->luma, t->geometry, y, sx0 * g.sp_w, count, items, t->texture,
-                             t->pm_mode, t->strength, signals, scratch};
-    k.embed_repeat_run(&run);
+    const EmbedRepeatRun repeat{t->luma, t->geometry, run.y, run.sx0 * g.sp_w, run.count, items,
+                                t->texture, t->pm_mode, t->strength, signals, scratch};
+    k.embed_repeat_run(&repeat);
     if (t->records != nullptr) {
       // Measured right away (only each superpixel's own pixels are read);
       // the driver writes the entries after all workers have finished.
-      for (int32_t j = 0; j < count; ++j) {
+      for (int32_t j = 0; j < run.count; ++j) {
         if (items[j].pattern == nullptr) continue;
         EmbedRecord& rec = t->records[i + j];
         rec.value = items[j].value;
         rec.signal = signals[j];
-        rec.extr = k.signal_measure(t->luma, &g, (sx0 + j) * g.sp_w, y);
+        rec.extr = k.signal_measure(t->luma, &g, (run.sx0 + j) * g.sp_w, run.y);
         rec.embedded = 1;
       }
     }
-    i = run_end;
   }
-  std::free(first_pattern);
+  std::free(numbers.first);
   std::free(signals);
   std::free(items);
   std::free(scratch);
