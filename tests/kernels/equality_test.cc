@@ -108,6 +108,15 @@ TEST(KernelEquality, SignalMeasureGrid) {
   }
 }
 
+// A texture map of w x h bytes: mostly within the map's range 0..50, now and
+// then any byte.
+Bytes random_texture(int32_t w, int32_t h, std::mt19937& rng) {
+  Bytes texture(static_cast<size_t>(w) * h);
+  const int top = rng() % 3 ? 51 : 256;
+  for (auto& t : texture) t = static_cast<uint8_t>(rng() % top);
+  return texture;
+}
+
 // A pattern like the bank's (zero border, 0..3 or one amplitude inside), any
 // signed bytes (as repeated embedding makes them), or a sparse one.
 std::vector<int8_t> make_pattern(int w, int h, int bw, int bh, std::mt19937& rng) {
@@ -146,9 +155,7 @@ TEST(KernelEquality, EmbedSuperpixelAndRuns) {
     const int32_t frame_w = first_x + count * sp_w + rng() % 9 + 1, frame_h = y + sp_h + rng() % 3;
     const int32_t stride = frame_w + rng() % 5;
     const Bytes frame = picture(static_cast<size_t>(stride) * frame_h, rng);
-    Bytes texture(static_cast<size_t>(frame_w) * frame_h);
-    const int tex_top = rng() % 3 ? 51 : 256;
-    for (auto& t : texture) t = static_cast<uint8_t>(rng() % tex_top);
+    const Bytes texture = random_texture(frame_w, frame_h, rng);
     const uint8_t* tex = rng() % 5 ? texture.data() : nullptr;
 
     const int bw = border_or_default(border_w, sp_w), bh = border_or_default(border_h, sp_h);
@@ -223,9 +230,7 @@ TEST(KernelEquality, EmbedSuperpixelRepeated) {
     const int32_t frame_w = x + sp_w + rng() % 9, frame_h = y + sp_h + rng() % 3;
     const int32_t stride = frame_w + rng() % 5;
     const Bytes frame = picture(static_cast<size_t>(stride) * frame_h, rng);
-    Bytes texture(static_cast<size_t>(frame_w) * frame_h);
-    const int tex_top = rng() % 3 ? 51 : 256;
-    for (auto& t : texture) t = static_cast<uint8_t>(rng() % tex_top);
+    const Bytes texture = random_texture(frame_w, frame_h, rng);
     const uint8_t* tex = rng() % 5 ? texture.data() : nullptr;
     const std::vector<int8_t> pattern = make_pattern(sp_w, sp_h, border_or_default(border, sp_w),
                                                      border_or_default(border, sp_h), rng);
@@ -267,9 +272,7 @@ TEST(KernelEquality, EmbedRepeatRuns) {
     const int32_t frame_h = y + sp_h + (rng() % 3 ? rng() % 3 : 0);
     const int32_t stride = frame_w + rng() % 5;
     const Bytes frame = picture(static_cast<size_t>(stride) * frame_h, rng);
-    Bytes texture(static_cast<size_t>(frame_w) * frame_h);
-    const int tex_top = rng() % 3 ? 51 : 256;
-    for (auto& t : texture) t = static_cast<uint8_t>(rng() % tex_top);
+    const Bytes texture = random_texture(frame_w, frame_h, rng);
     const uint8_t* tex = rng() % 5 ? texture.data() : nullptr;
     std::vector<std::vector<int8_t>> patterns;
     for (int k = 0; k < 4; ++k) {
