@@ -5,7 +5,9 @@
 // 16-bit prefix sum of the row, whose wrapped differences are exact because
 // a window never sums to more than 127 x 255. Both rounded means divide by a
 // multiplication (small_divisor16). Columns whose horizontal window is cut
-// by the row's ends are done one at a time.
+// by the row's ends take the same prefix sums, padded past both ends, and a
+// division by their own window size, sixteen at a time; rows narrower than
+// sixteen columns are done one column at a time.
 #include <immintrin.h>
 
 #include <cstddef>
