@@ -48,15 +48,25 @@ struct PreparedHeader {
   int32_t kind;       // table: 0 amplitude 1 (modes 1, ...), 1 identity (modes 0, 3),
                       // 2 one set per border-analysis band (mode 2)
   int32_t variants;   // sets of entries: 1, or 6 for kind 2
-  int32_t reserved[10];
+  int32_t most_amp;   // largest amplitude of any entry, 0..127
+  int32_t most_nonzero;  // most non-zero bytes of any pattern
+  uint64_t rows_used;    // bit r: some pattern has a non-zero byte in row r
+  int32_t reserved[6];
 };
 static_assert(sizeof(PreparedHeader) == 64, "header keeps the entries aligned");
 
+// One row (and block of eight columns) of a prepared pattern under one sign.
+// The shuffle is loaded as sixteen bytes; what its upper eight (the rank)
+// pick is never stored.
+struct PreparedHalf {
+  int16_t amp[8];      // amplitudes after the table, with the sign
+  uint8_t shuffle[8];  // which random byte each pixel takes, from rank on (0x80: none)
+  int32_t rank;        // random bytes taken by the rows and blocks before this one
+  int32_t reserved;
+};
+
 struct PreparedEntry {
-  int16_t amp[2][8];    // amplitudes after the table, for sign +1 and sign -1
-  uint8_t shuffle[16];  // which random byte each pixel takes, from rank on
-  int32_t rank;         // random bytes taken by the rows and blocks before this one
-  int32_t reserved[3];
+  PreparedHalf sign[2];  // for sign +1, then -1
 };
 static_assert(sizeof(PreparedEntry) == 64, "entries are one cache line");
 
@@ -352,6 +362,7 @@ inline __m128i load_pattern8(const int8_t* p, int32_t avail) {
 // luma[x] += change for one row of n pixels; perceptual rows weigh the
 // amplitude by the random byte and the texture. The work rows may be read
 // past n (they have room); the luma and texture rows may not.
+template <bool kShortProduct>
 void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint8_t* tex, int32_t n) {
   const __m256i k24 = _mm256_set1_epi16(24);
   const __m256i k128 = _mm256_set1_epi16(128);
@@ -363,8 +374,9 @@ void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint
     const __m256i r = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd + at)));
     const __m256i weight = _mm256_add_epi16(_mm256_add_epi16(r, k128), _mm256_mullo_epi16(t, k24));
     const __m256i mag = _mm256_abs_epi16(a);
-    // (|a| x weight) >> 10 from the two halves of the 32-bit product.
     const __m256i lo = _mm256_mullo_epi16(mag, weight);
+    if (kShortProduct) return _mm256_add_epi16(old, _mm256_sign_epi16(_mm256_srli_epi16(lo, 10), a));
+    // (|a| x weight) >> 10 from the two halves of the 32-bit product.
     const __m256i hi = _mm256_mulhi_epu16(mag, weight);
     const __m256i q = _mm256_or_si256(_mm256_srli_epi16(lo, 10), _mm256_slli_epi16(hi, 6));
     return _mm256_add_epi16(old, _mm256_sign_epi16(q, a));
@@ -395,9 +407,17 @@ void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint
   }
 }
 
-// Adds the work rows of the used rows to the luma rows of the run.
+// Largest amplitude a work row can hold, and the largest weight of a
+// perceptual change (random byte 255, texture byte 255).
+constexpr int32_t kMaxAmplitude = 127;
+constexpr int32_t kMaxWeight = 255 + 128 + 24 * 255;
+
+// Adds the work rows of the used rows to the luma rows of the run. When no
+// amplitude exceeds most_amp and most_amp x kMaxWeight fits 16 bits, the
+// products are taken in 16 bits.
 void apply_rows(const EmbedBand* b, const int32_t* used, int32_t used_count, const int16_t* amp_rows,
-                const uint8_t* rnd_rows, size_t cells, bool perceptual, int32_t n) {
+                const uint8_t* rnd_rows, size_t cells, bool perceptual, int32_t n, int32_t most_amp) {
+  const bool short_product = most_amp * kMaxWeight <= 0xFFFF;
   const ptrdiff_t stride = b->geometry->stride;
   for (int32_t u = 0; u < used_count; ++u) {
     const int32_t r = used[u];
@@ -405,9 +425,21 @@ void apply_rows(const EmbedBand* b, const int32_t* used, int32_t used_count, con
     const uint8_t* tex =
         perceptual ? b->texture + (static_cast<ptrdiff_t>(b->y) + r) * b->geometry->width + b->first_x
                    : nullptr;
-    apply_row(line, amp_rows + static_cast<size_t>(r) * cells, rnd_rows + static_cast<size_t>(r) * cells,
-              tex, n);
+    const int16_t* amp = amp_rows + static_cast<size_t>(r) * cells;
+    const uint8_t* rnd = rnd_rows + static_cast<size_t>(r) * cells;
+    short_product ? apply_row<true>(line, amp, rnd, tex, n) : apply_row<false>(line, amp, rnd, tex, n);
   }
+}
+
+// The amplitudes of one prepared block.
+inline __m128i load_amp(const PreparedHalf* half) {
+  return _mm_load_si128(reinterpret_cast<const __m128i*>(half->amp));
+}
+
+// The random bytes of one prepared block, from a superpixel's random bytes.
+inline __m128i pick_random(const uint8_t* bytes, const PreparedHalf* half) {
+  return _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + half->rank)),
+                          _mm_load_si128(reinterpret_cast<const __m128i*>(half->shuffle)));
 }
 
 // What the row builder needs: the used rows and where their work rows lie.
@@ -458,39 +490,18 @@ void build_rows(const BuildRows& b) {
       continue;
     }
     const uint8_t* bytes = b.bytes + static_cast<ptrdiff_t>(i) * b.slot;
-    if (b.prepared != nullptr && item.id >= 0 && item.id < b.prepared_count) {
+    if (!kNarrow && b.prepared != nullptr && item.id >= 0 && item.id < b.prepared_count) {
       // Everything but the random bytes themselves is known per pattern.
       const int32_t set = b.bands != nullptr ? b.bands[i] : 0;
       const PreparedEntry* entries =
           b.prepared + (static_cast<ptrdiff_t>(set) * b.prepared_count + item.id) * b.chunks * b.sp_h;
       const int32_t which = item.value < 0 ? 1 : 0;
-      if (kNarrow) {
-        // One block of eight columns per row: entries are one per row.
-        for (int32_t u = 0; u < b.used_count; ++u) {
-          const PreparedEntry* e = entries + b.row[u];
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0),
-                           _mm_load_si128(reinterpret_cast<const __m128i*>(e->amp[which])));
-          if (kPerceptual) {
-            const __m128i picked =
-                _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + e->rank)),
-                                 _mm_load_si128(reinterpret_cast<const __m128i*>(e->shuffle)));
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0), picked);
-          }
-        }
-        continue;
-      }
       for (int32_t u = 0; u < b.used_count; ++u) {
         const PreparedEntry* e = entries + b.row[u] * b.chunks;
         for (int32_t c = 0; c < sp_w; c += 8, ++e) {
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0 + c),
-                           _mm_load_si128(reinterpret_cast<const __m128i*>(e->amp[which])));
-          if (kPerceptual) {
-            const __m128i picked =
-                _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + e->rank)),
-                                 _mm_load_si128(reinterpret_cast<const __m128i*>(e->shuffle)));
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0 + c), picked);
-          }
-          if (kNarrow) break;
+          const PreparedHalf* half = &e->sign[which];
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0 + c), load_amp(half));
+          if (kPerceptual) _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0 + c), pick_random(bytes, half));
         }
       }
       continue;
@@ -534,53 +545,117 @@ void build_rows(const BuildRows& b) {
 // Entries of no pattern: amplitude 0 in every row.
 alignas(64) constexpr uint8_t kNoEntries[kMaxSide * sizeof(PreparedEntry)] = {};
 
-// build_rows for patterns of at most eight columns, every one of them
-// prepared: the work rows are written a row at a time across the run, from
-// each superpixel's entry pointers worked out once. Returns false (having
-// written nothing) when some superpixel's pattern is not among the prepared
-// ones. entries and amps have room for count pointers each.
+// Where the parts of the scratch space lie (as sized by
+// embed_band_scratch_bytes): one amplitude row and one random-byte row per
+// superpixel row, the random bytes of every superpixel, per-superpixel
+// tables and bands (and, on the prepared path, entry pointers), border sums.
+struct Scratch {
+  size_t cells;        // length of a work row
+  int32_t slot;        // bytes of random bytes per superpixel
+  int16_t* amp_rows;
+  uint8_t* rnd_rows;
+  uint8_t* rnd;
+  __m128i* tables;
+  uint8_t* bands;
+  uint32_t* sums;
+};
+
+Scratch carve(const EmbedBand* b) {
+  const int32_t sp_w = b->geometry->sp_w;
+  const int32_t sp_h = b->geometry->sp_h;
+  Scratch s;
+  s.cells = static_cast<size_t>(b->count) * sp_w + 64;
+  s.slot = ((sp_w * sp_h + 7) / 8 + 2) * 8;
+  uint8_t* p = align64(b->scratch);
+  s.amp_rows = reinterpret_cast<int16_t*>(p);
+  p = align64(p + s.cells * 2 * static_cast<size_t>(sp_h));
+  s.rnd_rows = p;
+  p = align64(p + s.cells * static_cast<size_t>(sp_h));
+  s.rnd = p;
+  p = align64(p + static_cast<size_t>(b->count + 8) * s.slot);
+  s.tables = reinterpret_cast<__m128i*>(p);
+  s.bands = p + static_cast<size_t>(b->count) * sizeof(__m128i);
+  p = align64(p + static_cast<size_t>(b->count) * 64);
+  s.sums = reinterpret_cast<uint32_t*>(p);
+  return s;
+}
+
+// The rows numbered in mask, in order, into used; returns their count.
+int32_t list_rows(uint64_t mask, int32_t sp_h, int32_t* used) {
+  int32_t count = 0;
+  for (int32_t r = 0; r < sp_h; ++r) {
+    if (((mask >> r) & 1) != 0) used[count++] = r;
+  }
+  return count;
+}
+
+// A run whose patterns are all prepared and at most eight columns wide. One
+// pass over the superpixels finds each one's prepared rows for its sign (and
+// border band) and the rows and random bytes the run needs; then the work
+// rows are written a row at a time across the run and added to the luma.
+// Returns false, having changed nothing, when some superpixel's pattern is
+// not among the prepared ones.
 template <bool kPerceptual>
-bool build_prepared_narrow(const BuildRows& b, const PreparedEntry** entries, const int16_t** amps) {
-  const int32_t count = b.count;
-  const int32_t sp_w = b.sp_w;
-  const int32_t sp_h = b.sp_h;
-  const int32_t prepared_count = b.prepared_count;
-  const PreparedEntry* const prepared = b.prepared;
-  const uint8_t* const bands = b.bands;
-  const PreparedEntry* const none = reinterpret_cast<const PreparedEntry*>(kNoEntries);
+bool embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Scratch& s, bool analyse,
+                           int32_t bw, int32_t bh) {
+  const int32_t count = b->count;
+  const int32_t sp_w = b->geometry->sp_w;
+  const int32_t sp_h = b->geometry->sp_h;
+  const int32_t patterns = h->count;
+  const PreparedEntry* const prepared = reinterpret_cast<const PreparedEntry*>(h + 1);
+  const EmbedItem* const items = b->items;
+  // Each superpixel's prepared rows start at halves[i] + row entries; the
+  // pointers go after the tables and bands.
+  const PreparedHalf** halves =
+      reinterpret_cast<const PreparedHalf**>(reinterpret_cast<uint8_t*>(s.tables) + static_cast<size_t>(count) * 32);
+  if (analyse) border_tables(b, s.tables, s.bands, bw, bh, s.sums);
+  const PreparedHalf* const none = reinterpret_cast<const PreparedEntry*>(kNoEntries)->sign;
+  bool any = false;
   for (int32_t i = 0; i < count; ++i) {
-    const EmbedItem& item = b.items[i];
+    const EmbedItem& item = items[i];
     if (item.pattern == nullptr) {
-      entries[i] = none;
-      amps[i] = none->amp[0];
+      halves[i] = none;
       continue;
     }
-    if (item.id < 0 || item.id >= prepared_count) return false;
-    const int32_t set = bands != nullptr ? bands[i] : 0;
-    const PreparedEntry* e = prepared + (static_cast<ptrdiff_t>(set) * prepared_count + item.id) * sp_h;
-    entries[i] = e;
-    amps[i] = e->amp[item.value < 0 ? 1 : 0];
+    if (item.id < 0 || item.id >= patterns) return false;
+    const int32_t set = analyse ? s.bands[i] : 0;
+    const PreparedEntry* e = prepared + (static_cast<ptrdiff_t>(set) * patterns + item.id) * sp_h;
+    halves[i] = &e->sign[item.value < 0 ? 1 : 0];
+    any = true;
   }
-  constexpr ptrdiff_t kEntryWords = sizeof(PreparedEntry) / sizeof(int16_t);
-  const int32_t slot = b.slot;
-  for (int32_t u = 0; u < b.used_count; ++u) {
-    const int32_t r = b.row[u];
-    int16_t* amp = b.amp[u];
-    uint8_t* rnd = b.rnd[u];
-    const uint8_t* bytes = b.bytes;
-    const ptrdiff_t amp_at = r * kEntryWords;
-    for (int32_t i = 0; i < count; ++i, amp += sp_w, rnd += sp_w, bytes += slot) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp),
-                       _mm_load_si128(reinterpret_cast<const __m128i*>(amps[i] + amp_at)));
+  if (!any) return true;
+  // The rows and random bytes of all prepared patterns: a row that is zero
+  // in every pattern of this run adds nothing and takes no random byte, and
+  // a superpixel takes only a prefix of its random bytes.
+  int32_t used[kMaxSide];
+  const int32_t used_count = list_rows(h->rows_used, sp_h, used);
+  if (kPerceptual) random_bytes(b, s.rnd, s.slot, (h->most_nonzero + 7) / 8);
+
+  constexpr ptrdiff_t kRowHalves = sizeof(PreparedEntry) / sizeof(PreparedHalf);
+  const ptrdiff_t slot = s.slot;
+  for (int32_t u = 0; u < used_count; ++u) {
+    const ptrdiff_t row_at = used[u] * kRowHalves;
+    int16_t* amp = s.amp_rows + static_cast<size_t>(used[u]) * s.cells;
+    uint8_t* rnd = s.rnd_rows + static_cast<size_t>(used[u]) * s.cells;
+    const uint8_t* bytes = s.rnd;
+    auto one = [&](int32_t i, int32_t k) {
+      const PreparedHalf* half = halves[i + k] + row_at;
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp + k * sp_w), load_amp(half));
       if (kPerceptual) {
-        const PreparedEntry* e = entries[i] + r;
-        const __m128i picked =
-            _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + e->rank)),
-                             _mm_load_si128(reinterpret_cast<const __m128i*>(e->shuffle)));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd), picked);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd + k * sp_w), pick_random(bytes + k * slot, half));
       }
+    };
+    // Two superpixels per step: the later one's stores overwrite what the
+    // earlier one's leave past its width.
+    int32_t i = 0;
+    for (; i + 2 <= count; i += 2, amp += 2 * sp_w, rnd += 2 * sp_w, bytes += 2 * slot) {
+      one(i, 0);
+      one(i, 1);
     }
+    if (i < count) one(i, 0);
   }
+  apply_rows(b, used, used_count, s.amp_rows, s.rnd_rows, s.cells, kPerceptual,
+             count * sp_w, h->most_amp);
   return true;
 }
 
@@ -602,22 +677,24 @@ void embed_band_avx2(const EmbedBand* b) {
   const int32_t area = sp_w * sp_h;
   const bool perceptual = b->pm_mode == 3 && b->texture != nullptr;
   const EmbedItem* items = b->items;
+  const Scratch s = carve(b);
 
-  // Carve the scratch space (layout as sized by embed_band_scratch_bytes):
-  // one amplitude row and one random-byte row per superpixel row.
-  const size_t cells = static_cast<size_t>(n) + 64;
-  const int32_t slot = ((area + 7) / 8 + 2) * 8;
-  uint8_t* p = align64(b->scratch);
-  int16_t* amp_rows = reinterpret_cast<int16_t*>(p);
-  p = align64(p + cells * 2 * static_cast<size_t>(sp_h));
-  uint8_t* rnd_rows = p;
-  p = align64(p + cells * static_cast<size_t>(sp_h));
-  uint8_t* rnd = p;
-  p = align64(p + static_cast<size_t>(count + 8) * slot);
-  __m128i* tables = reinterpret_cast<__m128i*>(p);
-  uint8_t* bands = p + static_cast<size_t>(count) * sizeof(__m128i);
-  p = align64(p + static_cast<size_t>(count) * 64);
-  uint32_t* sums = reinterpret_cast<uint32_t*>(p);
+  // Attenuation tables: identity for modes 0 and 3, border analysis for mode
+  // 2, amplitude 1 for every other mode. Twice the border is formed in 64
+  // bits, so that a border near the 32-bit limit cannot wrap past the test.
+  const bool analyse = b->pm_mode == 2 && !(int64_t{2} * bw > sp_w || int64_t{2} * bh > sp_h);
+  const bool identity = b->pm_mode == 0 || b->pm_mode == 3;
+  const PreparedHeader* header = nullptr;
+  if (b->prepared != nullptr) {
+    const PreparedHeader* h = reinterpret_cast<const PreparedHeader*>(b->prepared);
+    const int32_t kind = analyse ? 2 : (identity ? 1 : 0);
+    if (h->sp_w == sp_w && h->sp_h == sp_h && h->kind == kind) header = h;
+  }
+  if (header != nullptr && sp_w <= 8) {
+    const bool done = perceptual ? embed_prepared_narrow<true>(b, header, s, analyse, bw, bh)
+                                 : embed_prepared_narrow<false>(b, header, s, analyse, bw, bh);
+    if (done) return;
+  }
 
   // The rows in which some pattern has a non-zero byte; the others stay as
   // they are. Within those rows, a pattern row of zeros adds nothing and
@@ -630,24 +707,16 @@ void embed_band_avx2(const EmbedBand* b) {
     most_nonzero = imax(most_nonzero, items[i].nonzero);
   }
   int32_t used[kMaxSide];
-  int32_t used_count = 0;
-  for (int32_t r = 0; r < sp_h; ++r) {
-    if (((rows_used >> r) & 1) != 0) used[used_count++] = r;
-  }
+  const int32_t used_count = list_rows(rows_used, sp_h, used);
   if (used_count == 0) return;
 
-  // Attenuation tables: identity for modes 0 and 3, border analysis for mode
-  // 2, amplitude 1 for every other mode. Twice the border is formed in 64
-  // bits, so that a border near the 32-bit limit cannot wrap past the test.
   int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-  const bool analyse = b->pm_mode == 2 && !(int64_t{2} * bw > sp_w || int64_t{2} * bh > sp_h);
-  const bool identity = b->pm_mode == 0 || b->pm_mode == 3;
   if (!identity && !analyse) {
     for (int32_t i = 1; i < 8; ++i) small[i] = 1;
   }
   const __m128i shared_table = make_table(small);
-  if (analyse) border_tables(b, tables, bands, bw, bh, sums);
-  if (perceptual) random_bytes(b, rnd, slot, (most_nonzero + 7) / 8);
+  if (analyse) border_tables(b, s.tables, s.bands, bw, bh, s.sums);
+  if (perceptual) random_bytes(b, s.rnd, s.slot, (most_nonzero + 7) / 8);
 
   BuildRows rows{};
   rows.items = items;
@@ -657,40 +726,23 @@ void embed_band_avx2(const EmbedBand* b) {
   rows.used_count = used_count;
   for (int32_t u = 0; u < used_count; ++u) {
     rows.pattern_offset[u] = used[u] * sp_w;
-    rows.amp[u] = amp_rows + static_cast<size_t>(used[u]) * cells;
-    rows.rnd[u] = rnd_rows + static_cast<size_t>(used[u]) * cells;
+    rows.amp[u] = s.amp_rows + static_cast<size_t>(used[u]) * s.cells;
+    rows.rnd[u] = s.rnd_rows + static_cast<size_t>(used[u]) * s.cells;
     rows.row[u] = used[u];
   }
   rows.table = shared_table;
-  rows.tables = analyse ? tables : nullptr;
-  rows.bytes = rnd;
-  rows.slot = slot;
+  rows.tables = analyse ? s.tables : nullptr;
+  rows.bytes = s.rnd;
+  rows.slot = s.slot;
   rows.chunks = (sp_w + 7) / 8;
   rows.sp_h = sp_h;
   rows.prepared = nullptr;
   rows.prepared_count = 0;
   rows.bands = nullptr;
-  if (b->prepared != nullptr) {
-    const PreparedHeader* h = reinterpret_cast<const PreparedHeader*>(b->prepared);
-    const int32_t kind = analyse ? 2 : (identity ? 1 : 0);
-    if (h->sp_w == sp_w && h->sp_h == sp_h && h->kind == kind) {
-      rows.prepared = reinterpret_cast<const PreparedEntry*>(b->prepared + sizeof(PreparedHeader));
-      rows.prepared_count = h->count;
-      if (analyse) rows.bands = bands;
-    }
-  }
-  if (rows.prepared != nullptr && sp_w <= 8) {
-    // Per-superpixel pointers go after the tables and bands.
-    const PreparedEntry** entries = reinterpret_cast<const PreparedEntry**>(
-        reinterpret_cast<uint8_t*>(tables) + static_cast<size_t>(count) * 32);
-    const int16_t** amps = reinterpret_cast<const int16_t**>(
-        reinterpret_cast<uint8_t*>(tables) + static_cast<size_t>(count) * 40);
-    const bool done = perceptual ? build_prepared_narrow<true>(rows, entries, amps)
-                                 : build_prepared_narrow<false>(rows, entries, amps);
-    if (done) {
-      apply_rows(b, used, used_count, amp_rows, rnd_rows, cells, perceptual, n);
-      return;
-    }
+  if (header != nullptr) {
+    rows.prepared = reinterpret_cast<const PreparedEntry*>(header + 1);
+    rows.prepared_count = header->count;
+    if (analyse) rows.bands = s.bands;
   }
   if (identity) {
     if (perceptual) {
@@ -701,8 +753,7 @@ void embed_band_avx2(const EmbedBand* b) {
   } else {
     sp_w <= 8 ? build_rows<false, false, true>(rows) : build_rows<false, false, false>(rows);
   }
-
-  apply_rows(b, used, used_count, amp_rows, rnd_rows, cells, perceptual, n);
+  apply_rows(b, used, used_count, s.amp_rows, s.rnd_rows, s.cells, perceptual, n, kMaxAmplitude);
 }
 
 int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_t sp_w,
@@ -728,6 +779,7 @@ int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_
   h->kind = kind;
   h->variants = variants;
   PreparedEntry* entries = reinterpret_cast<PreparedEntry*>(out + sizeof(PreparedHeader));
+  int32_t most_amp = 0;
   for (int32_t set = 0; set < variants; ++set) {
     for (int32_t i = 0; i < count; ++i) {
       // The amplitude of pattern bytes 0..7 under this set's table (the
@@ -740,7 +792,8 @@ int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_
         for (int32_t c = 0, k = 0; c < sp_w; c += 8, ++k) {
           PreparedEntry& e = mine[r * chunks + k];
           e = PreparedEntry{};
-          e.rank = rank;
+          e.sign[0].rank = rank;
+          e.sign[1].rank = rank;
           int32_t taken = 0;
           for (int32_t j = 0; j < 8; ++j) {
             const bool inside = c + j < sp_w;
@@ -749,16 +802,21 @@ int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_
             int32_t a = p;
             if (kind == 0 && p >= 1 && p <= 7) a = 1;
             if (kind == 2 && p >= 0 && p <= 7) a = table[p];
-            e.amp[0][j] = static_cast<int16_t>(inside ? a : 0);
-            e.amp[1][j] = static_cast<int16_t>(inside ? -a : 0);
-            e.shuffle[j] = p != 0 ? static_cast<uint8_t>(taken++) : 0x80;
-            e.shuffle[8 + j] = 0x80;
+            e.sign[0].amp[j] = static_cast<int16_t>(inside ? a : 0);
+            e.sign[1].amp[j] = static_cast<int16_t>(inside ? -a : 0);
+            if (inside) most_amp = imax(most_amp, a < 0 ? -a : a);
+            const uint8_t pick = p != 0 ? static_cast<uint8_t>(taken++) : 0x80;
+            e.sign[0].shuffle[j] = pick;
+            e.sign[1].shuffle[j] = pick;
           }
           rank += taken;
+          if (taken != 0) h->rows_used |= uint64_t{1} << r;
         }
       }
+      h->most_nonzero = imax(h->most_nonzero, rank);
     }
   }
+  h->most_amp = most_amp;
   return bytes;
 }
 
