@@ -72,24 +72,19 @@ struct Bank {
   const int8_t* pick(int32_t sx, int32_t value) const {
     return pattern_select(bytes.data(), &layout, (sx / 3) % 4, sx % 16, value);
   }
-  // The run item of a pattern of this bank (described once, as the
-  // embedding driver does per frame).
-  EmbedItem item(int32_t sx, int32_t value) const {
+  // The run pick of a pattern of this bank (the patterns are described once,
+  // as the embedding driver does per frame).
+  EmbedPick run_pick(int32_t sx, int32_t value) const {
     const int8_t* p = pick(sx, value);
-    const size_t index = static_cast<size_t>((p - bytes.data()) / layout.level_stride);
     if (described.empty()) {
       described.resize(static_cast<size_t>(layout.total / layout.level_stride));
       for (size_t i = 0; i < described.size(); ++i) {
-        described[i].pattern = bytes.data() + i * layout.level_stride;
-        describe_pattern(described[i].pattern, kSp, kSp, &described[i]);
-        described[i].id = static_cast<int32_t>(i);
+        describe_pattern(bytes.data() + i * layout.level_stride, kSp, kSp, &described[i]);
       }
     }
-    EmbedItem it = described[index];
-    it.value = value;
-    return it;
+    return EmbedPick{static_cast<int32_t>((p - bytes.data()) / layout.level_stride), value};
   }
-  mutable std::vector<EmbedItem> described;
+  mutable std::vector<EmbedPattern> described;
 };
 
 void BM_TextureIntegralReference(benchmark::State& state) {
@@ -134,9 +129,9 @@ void embed_frame_bench(benchmark::State& state, bool runs) {
   texture_rows_direct(&rows);
   const Bank bank(pm != 3);
   // Patterns and values of the whole grid, picked outside the timing.
-  std::vector<EmbedItem> items(static_cast<size_t>(kCols) * kRows);
+  std::vector<EmbedPick> picks(static_cast<size_t>(kCols) * kRows);
   for (int32_t sy = 0; sy < kRows; ++sy) {
-    for (int32_t sx = 0; sx < kCols; ++sx) items[static_cast<size_t>(sy) * kCols + sx] = bank.item(sx, (sx + sy) % 3 - 1);
+    for (int32_t sx = 0; sx < kCols; ++sx) picks[static_cast<size_t>(sy) * kCols + sx] = bank.run_pick(sx, (sx + sy) % 3 - 1);
   }
   std::vector<uint8_t> scratch(static_cast<size_t>(embed_band_scratch_bytes(kSp, kSp, kCols)));
   // Prepared once, as the embedding driver does per frame.
@@ -153,15 +148,15 @@ void embed_frame_bench(benchmark::State& state, bool runs) {
     }
     const FrameGeometry g{kW, kH, kW, kSp, kSp, 0, 0};
     for (int32_t sy = 0; sy < kRows; ++sy) {
-      const EmbedItem* row = items.data() + static_cast<size_t>(sy) * kCols;
+      const EmbedPick* row = picks.data() + static_cast<size_t>(sy) * kCols;
       if (runs) {
-        const EmbedBand band{luma.data(), &g, sy * kSp, 0, kCols, row, texture.data(), pm, scratch.data(),
-                             prepared.empty() ? nullptr : prepared.data()};
+        const EmbedBand band{luma.data(), &g, sy * kSp, 0, kCols, row, bank.described.data(), patterns,
+                             texture.data(), pm, scratch.data(), prepared.empty() ? nullptr : prepared.data()};
         k->embed_band(&band);
       } else {
         for (int32_t sx = 0; sx < kCols; ++sx) {
           benchmark::DoNotOptimize(k->embed_superpixel(luma.data(), &g, sx * kSp, sy * kSp, 1,
-                                                       row[sx].value, row[sx].pattern,
+                                                       row[sx].value, bank.described[row[sx].pattern].pattern,
                                                        texture.data(), pm));
         }
       }

@@ -149,11 +149,11 @@ bool embed_runs(EmbedTask* t) {
   const FrameGeometry& g = *t->geometry;
   const int64_t scratch_bytes = embed_band_scratch_bytes(g.sp_w, g.sp_h, cols);
   uint8_t* scratch = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(scratch_bytes)));
-  EmbedItem* items = static_cast<EmbedItem*>(std::malloc(static_cast<size_t>(cols) * sizeof(EmbedItem)));
+  EmbedPick* picks = static_cast<EmbedPick*>(std::malloc(static_cast<size_t>(cols) * sizeof(EmbedPick)));
   PatternNumbers numbers;
-  if (scratch == nullptr || items == nullptr || !pattern_numbers_init(&numbers, t)) {
+  if (scratch == nullptr || picks == nullptr || !pattern_numbers_init(&numbers, t)) {
     std::free(scratch);
-    std::free(items);
+    std::free(picks);
     return false;
   }
   const EmbedBandFn embed = kernels().embed_band;
@@ -162,20 +162,16 @@ bool embed_runs(EmbedTask* t) {
     const uint8_t* selection = t->selection + i;
     const uint8_t* map = t->map + i;
     for (int32_t k = 0; k < run.count; ++k) {
-      EmbedItem& item = items[k];
-      if (selection[k] != 1) {
-        item.pattern = nullptr;
-        continue;
-      }
-      item = t->patterns[run.first_of[k] + numbers.level_of[map[k]]];
-      item.value = wrap_sub(map[k], t->strength);
+      picks[k].pattern = selection[k] == 1 ? run.first_of[k] + numbers.level_of[map[k]] : -1;
+      picks[k].value = wrap_sub(map[k], t->strength);
     }
-    const EmbedBand band{t->luma, t->geometry, run.y, run.sx0 * g.sp_w, run.count, items,
-                         t->texture, t->pm_mode, scratch, t->prepared};
+    const EmbedBand band{t->luma,  t->geometry,    run.y,      run.sx0 * g.sp_w, run.count,
+                         picks,    t->patterns,    t->pattern_count, t->texture, t->pm_mode,
+                         scratch,  t->prepared};
     embed(&band);
   }
   std::free(numbers.first);
-  std::free(items);
+  std::free(picks);
   std::free(scratch);
   return true;
 }
@@ -371,15 +367,11 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
 
   // What the run kernels need to know of every pattern of the bank.
   const int32_t bank_patterns = kClasses * kVariants * strength;
-  EmbedItem* patterns = nullptr;
+  EmbedPattern* patterns = nullptr;
   if (deep_fake == 0 && log == nullptr) {
-    patterns = static_cast<EmbedItem*>(std::malloc(static_cast<size_t>(bank_patterns) * sizeof(EmbedItem)));
+    patterns = static_cast<EmbedPattern*>(std::malloc(static_cast<size_t>(bank_patterns) * sizeof(EmbedPattern)));
     for (int32_t p = 0; patterns != nullptr && p < bank_patterns; ++p) {
-      const int8_t* pattern = bank + static_cast<ptrdiff_t>(p) * layout.level_stride;
-      patterns[p].pattern = pattern;
-      patterns[p].value = 0;
-      describe_pattern(pattern, sp_w, sp_h, &patterns[p]);
-      patterns[p].id = p;
+      describe_pattern(bank + static_cast<ptrdiff_t>(p) * layout.level_stride, sp_w, sp_h, &patterns[p]);
     }
   }
   // What the run kernel can work out once per pattern instead of once per
@@ -421,7 +413,7 @@ void embed_frame(uint8_t* luma, const FrameGeometry* geometry, const EmbedSettin
     *t = EmbedTask{luma,     geometry, strength,         deep_fake, pm_mode, map,   selection,
                    cols,     rows,     texture,          measures,  measure_in_place,
                    bank,     &layout,  first,            end,       log,     records, patterns,
-                   prepared, texture_on_demand};
+                   bank_patterns, prepared, texture_on_demand};
   });
 
   if (records != nullptr) {

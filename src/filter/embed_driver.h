@@ -67,7 +67,8 @@ struct EmbedTask {
   int32_t end;                    // one past the last index of the range
   EmbedLog* log;                  // embedding log or null
   EmbedRecord* records;           // per-superpixel log records, or null to log directly
-  const EmbedItem* patterns;      // nonzero and row_mask of every bank pattern, in bank order, or null
+  const EmbedPattern* patterns;   // every bank pattern with its nonzero and row_mask, in bank order, or null
+  int32_t pattern_count;          // entries in patterns
   const uint8_t* prepared;        // the run kernel's preparation of those patterns, or null
   TextureOnDemand* texture_on_demand;  // computes the texture map as it is needed, or null
                                        // (the map is then complete)

@@ -9,10 +9,10 @@ namespace lumamark {
 
 void embed_band(const EmbedBand* b) {
   for (int32_t i = 0; i < b->count; ++i) {
-    const EmbedItem& item = b->items[i];
-    if (item.pattern == nullptr) continue;
-    embed_superpixel(b->luma, b->geometry, b->first_x + i * b->geometry->sp_w, b->y, 1, item.value,
-                     item.pattern, b->texture, b->pm_mode);
+    const EmbedPattern* p = pick_pattern(b, i);
+    if (p == nullptr) continue;
+    embed_superpixel(b->luma, b->geometry, b->first_x + i * b->geometry->sp_w, b->y, 1, b->picks[i].value,
+                     p->pattern, b->texture, b->pm_mode);
   }
 }
 
@@ -27,11 +27,11 @@ int64_t embed_band_scratch_bytes(int32_t sp_w, int32_t sp_h, int32_t count) {
          static_cast<int64_t>(count) * 64 + 6 * n * 4 + 8 * 64;
 }
 
-int64_t embed_band_prepare(const EmbedItem*, int32_t, int32_t, int32_t, int32_t, uint8_t*) {
+int64_t embed_band_prepare(const EmbedPattern*, int32_t, int32_t, int32_t, int32_t, uint8_t*) {
   return 0;
 }
 
-void describe_pattern(const int8_t* pattern, int32_t w, int32_t h, EmbedItem* item) {
+void describe_pattern(const int8_t* pattern, int32_t w, int32_t h, EmbedPattern* out) {
   int32_t nonzero = 0;
   uint64_t mask = 0;
   for (int32_t r = 0; r < h; ++r) {
@@ -40,9 +40,9 @@ void describe_pattern(const int8_t* pattern, int32_t w, int32_t h, EmbedItem* it
     nonzero += row;
     if (row != 0 || r >= 64) mask |= uint64_t{1} << (r < 64 ? r : 63);
   }
-  item->nonzero = nonzero;
-  item->row_mask = mask;
-  item->id = -1;
+  out->pattern = pattern;
+  out->nonzero = nonzero;
+  out->row_mask = mask;
 }
 
 }  // namespace lumamark

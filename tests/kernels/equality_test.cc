@@ -160,27 +160,24 @@ TEST(KernelEquality, EmbedSuperpixelAndRuns) {
 
     const int bw = border_or_default(border_w, sp_w), bh = border_or_default(border_h, sp_h);
     std::vector<std::vector<int8_t>> patterns;
-    std::vector<EmbedItem> described(4);
+    std::vector<EmbedPattern> described(4);
     for (int k = 0; k < 4; ++k) {
       patterns.push_back(make_pattern(sp_w, sp_h, bw, bh, rng));
-      described[k].pattern = patterns[k].data();
       describe_pattern(patterns[k].data(), sp_w, sp_h, &described[k]);
-      described[k].id = k;
     }
-    std::vector<EmbedItem> items(count);
-    for (auto& item : items) {
-      item = described[rng() % 4];
-      if (rng() % 6 == 0) item.pattern = nullptr;
-      if (rng() % 7 == 0) item.id = -1;  // not prepared: worked out on the spot
-      item.value = rng() % 5 ? static_cast<int32_t>(rng() % 601) - 300 : 0;
+    // Picks name one of the four patterns, or none (-1, or past the end).
+    std::vector<EmbedPick> picks(count);
+    for (auto& pick : picks) {
+      pick.pattern = rng() % 6 ? static_cast<int32_t>(rng() % 4) : (rng() % 2 ? -1 : 4);
+      pick.value = rng() % 5 ? static_cast<int32_t>(rng() % 601) - 300 : 0;
     }
     const FrameGeometry g{frame_w, frame_h, stride, sp_w, sp_h, border_w, border_h};
     const auto one_by_one = [&](EmbedSuperpixelFn fn, Bytes& plane) {
       std::vector<int32_t> sums;
       for (int32_t i = 0; i < count; ++i) {
-        if (items[i].pattern == nullptr) continue;
-        sums.push_back(fn(plane.data() + kGuard, &g, first_x + i * sp_w, y, 1, items[i].value,
-                          items[i].pattern, tex, pm));
+        if (picks[i].pattern < 0 || picks[i].pattern >= 4) continue;
+        sums.push_back(fn(plane.data() + kGuard, &g, first_x + i * sp_w, y, 1, picks[i].value,
+                          described[picks[i].pattern].pattern, tex, pm));
       }
       return sums;
     };
@@ -204,8 +201,8 @@ TEST(KernelEquality, EmbedSuperpixelAndRuns) {
       for (int variant = 0; variant < 4; ++variant) {
         got = frame;
         const Bytes& prep = prepared[variant == 3 ? 1 : 0];
-        const EmbedBand band{got.data() + kGuard, &g, y, first_x, count, items.data(), tex, pm,
-                             variant == 1 ? nullptr : scratch.data(),
+        const EmbedBand band{got.data() + kGuard, &g, y, first_x, count, picks.data(), described.data(), 4,
+                             tex, pm, variant == 1 ? nullptr : scratch.data(),
                              variant == 2 || prep.empty() ? nullptr : prep.data()};
         t->embed_band(&band);
         ASSERT_EQ(want, got) << "run, variant " << variant << ", count " << count;

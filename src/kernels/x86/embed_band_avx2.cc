@@ -240,7 +240,7 @@ void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t 
     const bool exact = wide < 65536 && tall < 65536;
     alignas(32) uint32_t strip[8];
     for (int32_t i = 0; i < b->count; ++i) {
-      if (b->items[i].pattern == nullptr) continue;
+      if (pick_pattern(b, i) == nullptr) continue;
       const int32_t x0 = i * sp_w;
       auto at = [x0](const uint32_t* a) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a + x0)); };
       const __m256i a1 = at(all1), a2 = at(all2);
@@ -278,7 +278,7 @@ void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t 
   }
 
   for (int32_t i = 0; i < b->count; ++i) {
-    if (b->items[i].pattern == nullptr) continue;
+    if (pick_pattern(b, i) == nullptr) continue;
     const int32_t x0 = i * sp_w;
     uint32_t strip[8] = {0, 0, 0, 0, 0, 0, 0, 0};
     for (int32_t c = x0; c < x0 + sp_w; ++c) {
@@ -302,7 +302,6 @@ void border_tables(const EmbedBand* b, __m128i* tables, uint8_t* bands, int32_t 
 // eight bytes each (enough for the superpixel with the most non-zero pattern
 // bytes; the others take a prefix of theirs), superpixel i at rnd + i * slot.
 void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot, int32_t steps) {
-  const EmbedItem* src = b->items;
   const uint32_t frame = static_cast<uint32_t>(b->geometry->width) ^ static_cast<uint32_t>(b->geometry->height);
   const uint32_t row_bits = static_cast<uint32_t>(b->y) << 16;
   const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
@@ -310,7 +309,7 @@ void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot, int32_t steps)
     const int32_t lanes = imin(8, b->count - i0);
     if (lanes < 8) {
       bool any = false;
-      for (int32_t k = 0; k < lanes; ++k) any = any || src[i0 + k].pattern != nullptr;
+      for (int32_t k = 0; k < lanes; ++k) any = any || pick_pattern(b, i0 + k) != nullptr;
       if (!any) continue;
     }
     // x + 1 of the eight superpixels, wrapping like the scalar seed.
@@ -444,7 +443,7 @@ inline __m128i pick_random(const uint8_t* bytes, const PreparedHalf* half) {
 
 // What the row builder needs: the used rows and where their work rows lie.
 struct BuildRows {
-  const EmbedItem* items;
+  const EmbedBand* band;
   int32_t count;
   int32_t sp_w;
   int32_t area;
@@ -475,9 +474,10 @@ void build_rows(const BuildRows& b) {
   const __m128i minus = _mm_set1_epi16(-1);
   const int32_t sp_w = b.sp_w;
   for (int32_t i = 0; i < b.count; ++i) {
-    const EmbedItem& item = b.items[i];
+    const EmbedPattern* pattern = pick_pattern(b.band, i);
+    const int32_t value = b.band->picks[i].value;
     const size_t x0 = static_cast<size_t>(i) * sp_w;
-    if (item.pattern == nullptr) {
+    if (pattern == nullptr) {
       // Nothing to add; superpixels past this one overwrite what the stores
       // leave beyond its width.
       for (int32_t u = 0; u < b.used_count; ++u) {
@@ -490,12 +490,12 @@ void build_rows(const BuildRows& b) {
       continue;
     }
     const uint8_t* bytes = b.bytes + static_cast<ptrdiff_t>(i) * b.slot;
-    if (!kNarrow && b.prepared != nullptr && item.id >= 0 && item.id < b.prepared_count) {
+    if (!kNarrow && b.prepared != nullptr) {
       // Everything but the random bytes themselves is known per pattern.
       const int32_t set = b.bands != nullptr ? b.bands[i] : 0;
       const PreparedEntry* entries =
-          b.prepared + (static_cast<ptrdiff_t>(set) * b.prepared_count + item.id) * b.chunks * b.sp_h;
-      const int32_t which = item.value < 0 ? 1 : 0;
+          b.prepared + (static_cast<ptrdiff_t>(set) * b.prepared_count + b.band->picks[i].pattern) * b.chunks * b.sp_h;
+      const int32_t which = value < 0 ? 1 : 0;
       for (int32_t u = 0; u < b.used_count; ++u) {
         const PreparedEntry* e = entries + b.row[u] * b.chunks;
         for (int32_t c = 0; c < sp_w; c += 8, ++e) {
@@ -507,10 +507,10 @@ void build_rows(const BuildRows& b) {
       continue;
     }
     const __m128i table = kIdentity ? zero : (b.tables != nullptr ? b.tables[i] : b.table);
-    const __m128i sign = item.value < 0 ? minus : plus;
+    const __m128i sign = value < 0 ? minus : plus;
     int32_t rank = 0;
     for (int32_t u = 0; u < b.used_count; ++u) {
-      const int8_t* prow = item.pattern + b.pattern_offset[u];
+      const int8_t* prow = pattern->pattern + b.pattern_offset[u];
       // Bytes of the pattern from this row on; the last blocks of the last
       // rows are loaded without reading past the pattern.
       const int32_t left = b.area - b.pattern_offset[u];
@@ -593,17 +593,15 @@ int32_t list_rows(uint64_t mask, int32_t sp_h, int32_t* used) {
 // pass over the superpixels finds each one's prepared rows for its sign (and
 // border band) and the rows and random bytes the run needs; then the work
 // rows are written a row at a time across the run and added to the luma.
-// Returns false, having changed nothing, when some superpixel's pattern is
-// not among the prepared ones.
 template <bool kPerceptual>
-bool embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Scratch& s, bool analyse,
+void embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Scratch& s, bool analyse,
                            int32_t bw, int32_t bh) {
   const int32_t count = b->count;
   const int32_t sp_w = b->geometry->sp_w;
   const int32_t sp_h = b->geometry->sp_h;
   const int32_t patterns = h->count;
   const PreparedEntry* const prepared = reinterpret_cast<const PreparedEntry*>(h + 1);
-  const EmbedItem* const items = b->items;
+  const EmbedPick* const picks = b->picks;
   // Each superpixel's prepared rows start at halves[i] + row entries; the
   // pointers go after the tables and bands.
   const PreparedHalf** halves =
@@ -612,18 +610,17 @@ bool embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Sc
   const PreparedHalf* const none = reinterpret_cast<const PreparedEntry*>(kNoEntries)->sign;
   bool any = false;
   for (int32_t i = 0; i < count; ++i) {
-    const EmbedItem& item = items[i];
-    if (item.pattern == nullptr) {
+    const uint32_t id = static_cast<uint32_t>(picks[i].pattern);
+    if (id >= static_cast<uint32_t>(patterns)) {
       halves[i] = none;
       continue;
     }
-    if (item.id < 0 || item.id >= patterns) return false;
-    const int32_t set = analyse ? s.bands[i] : 0;
-    const PreparedEntry* e = prepared + (static_cast<ptrdiff_t>(set) * patterns + item.id) * sp_h;
-    halves[i] = &e->sign[item.value < 0 ? 1 : 0];
+    const ptrdiff_t set = analyse ? s.bands[i] : 0;
+    const PreparedEntry* e = prepared + (set * patterns + id) * sp_h;
+    halves[i] = &e->sign[picks[i].value < 0 ? 1 : 0];
     any = true;
   }
-  if (!any) return true;
+  if (!any) return;
   // The rows and random bytes of all prepared patterns: a row that is zero
   // in every pattern of this run adds nothing and takes no random byte, and
   // a superpixel takes only a prefix of its random bytes.
@@ -656,7 +653,6 @@ bool embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Sc
   }
   apply_rows(b, used, used_count, s.amp_rows, s.rnd_rows, s.cells, kPerceptual,
              count * sp_w, h->most_amp);
-  return true;
 }
 
 }  // namespace
@@ -676,7 +672,6 @@ void embed_band_avx2(const EmbedBand* b) {
   const int32_t n = count * sp_w;
   const int32_t area = sp_w * sp_h;
   const bool perceptual = b->pm_mode == 3 && b->texture != nullptr;
-  const EmbedItem* items = b->items;
   const Scratch s = carve(b);
 
   // Attenuation tables: identity for modes 0 and 3, border analysis for mode
@@ -688,12 +683,12 @@ void embed_band_avx2(const EmbedBand* b) {
   if (b->prepared != nullptr) {
     const PreparedHeader* h = reinterpret_cast<const PreparedHeader*>(b->prepared);
     const int32_t kind = analyse ? 2 : (identity ? 1 : 0);
-    if (h->sp_w == sp_w && h->sp_h == sp_h && h->kind == kind) header = h;
+    if (h->sp_w == sp_w && h->sp_h == sp_h && h->kind == kind && h->count == b->pattern_count) header = h;
   }
   if (header != nullptr && sp_w <= 8) {
-    const bool done = perceptual ? embed_prepared_narrow<true>(b, header, s, analyse, bw, bh)
-                                 : embed_prepared_narrow<false>(b, header, s, analyse, bw, bh);
-    if (done) return;
+    perceptual ? embed_prepared_narrow<true>(b, header, s, analyse, bw, bh)
+               : embed_prepared_narrow<false>(b, header, s, analyse, bw, bh);
+    return;
   }
 
   // The rows in which some pattern has a non-zero byte; the others stay as
@@ -702,9 +697,10 @@ void embed_band_avx2(const EmbedBand* b) {
   uint64_t rows_used = 0;
   int32_t most_nonzero = 0;
   for (int32_t i = 0; i < count; ++i) {
-    if (items[i].pattern == nullptr) continue;
-    rows_used |= items[i].row_mask;
-    most_nonzero = imax(most_nonzero, items[i].nonzero);
+    const EmbedPattern* p = pick_pattern(b, i);
+    if (p == nullptr) continue;
+    rows_used |= p->row_mask;
+    most_nonzero = imax(most_nonzero, p->nonzero);
   }
   int32_t used[kMaxSide];
   const int32_t used_count = list_rows(rows_used, sp_h, used);
@@ -719,7 +715,7 @@ void embed_band_avx2(const EmbedBand* b) {
   if (perceptual) random_bytes(b, s.rnd, s.slot, (most_nonzero + 7) / 8);
 
   BuildRows rows{};
-  rows.items = items;
+  rows.band = b;
   rows.count = count;
   rows.sp_w = sp_w;
   rows.area = area;
@@ -756,7 +752,7 @@ void embed_band_avx2(const EmbedBand* b) {
   apply_rows(b, used, used_count, s.amp_rows, s.rnd_rows, s.cells, perceptual, n, kMaxAmplitude);
 }
 
-int64_t embed_band_prepare_avx2(const EmbedItem* patterns, int32_t count, int32_t sp_w,
+int64_t embed_band_prepare_avx2(const EmbedPattern* patterns, int32_t count, int32_t sp_w,
                                 int32_t sp_h, int32_t pm_mode, uint8_t* out) {
   if (count < 1 || sp_w < 1 || sp_h < 1 || sp_w > kMaxSide || sp_h > kMaxSide) return 0;
   // Border analysis gives every superpixel one of six tables: one set of
