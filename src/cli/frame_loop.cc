@@ -88,6 +88,10 @@ constexpr int32_t kSlots = 4;
 // 1 MiB, this size moves frames as fast with less system time (larger pipes
 // allocate and release more pages per frame).
 constexpr int kPipeBytes = 256 * 1024;
+// While the image-hash seed is summed as the luma arrives, the luma is read
+// in pieces of at most this size, so that the rows it completes are summed
+// while they are still in the cache.
+constexpr size_t kScanPiece = 128 * 1024;
 
 void enlarge_pipe(int fd) {
   struct stat st;
@@ -109,10 +113,12 @@ class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
                    int64_t frame_size, int in_fd, int out_fd, int32_t width, int32_t height,
-                   int32_t seed, size_t prefill, const StopSignals* stops, ChromaPipe* chroma)
+                   int32_t seed, size_t prefill, const StopSignals* stops, ChromaPipe* chroma,
+                   SeedScan* scans)
       : filter_(filter), slots_(slots), slot_count_(slot_count), frame_(static_cast<size_t>(frame_size)),
         frame_size_(frame_size), in_fd_(in_fd), out_fd_(out_fd), width_(width), height_(height),
-        seed_(seed), prefill_(prefill), stops_(stops), chroma_(chroma) {}
+        seed_(seed), prefill_(prefill), stops_(stops), chroma_(chroma), scans_(scans),
+        luma_(static_cast<size_t>(width) * static_cast<size_t>(height)) {}
 
   OverlappedFrames(const OverlappedFrames&) = delete;
   OverlappedFrames& operator=(const OverlappedFrames&) = delete;
@@ -139,7 +145,8 @@ class OverlappedFrames {
     LoopEnd end = LoopEnd::Done;
     for (int64_t k = 0;; ++k) {
       if (!wait_past(read_, k, input_ended_)) break;
-      if (wm_filter_apply(filter_, slot(k), width_, height_, width_, seed_) != 0) {
+      const SeedScan* scan = scans_ != nullptr ? &scans_[k % slot_count_] : nullptr;
+      if (wm_filter_apply_scanned(filter_, slot(k), width_, height_, width_, seed_, scan) != 0) {
         // Every frame before this one is written first, as in the plain loop.
         lock();
         while (written_ < k) wait();
@@ -243,6 +250,8 @@ class OverlappedFrames {
       size_t fill = k == 0 ? prefill_ : 0;  // bytes of the frame had so far, in order
       size_t piped = 0;   // of which chroma bytes in the slot's pipe
       bool piping = chroma_ != nullptr;
+      SeedScan* scan = scans_ != nullptr ? &scans_[k % slot_count_] : nullptr;
+      if (scan != nullptr) seed_scan_restart(scan);
       while (fill < frame_) {
         if (piping && fill >= chroma_->luma) {
           // A stop signal is taken here too, as for the luma.
@@ -262,13 +271,18 @@ class OverlappedFrames {
           break;  // end of input or a read error, as below
         }
         // With chroma piped, the luma plane is read on its own.
-        const size_t want = (piping ? chroma_->luma : frame_) - fill;
+        size_t want = (piping ? chroma_->luma : frame_) - fill;
+        if (scan != nullptr && fill < luma_ && want > kScanPiece) want = kScanPiece;
         const ssize_t got = cancellable_read(buffer + fill, want);
         if (got < 0 && errno == EINTR) continue;
         // End of input and a read error both end the stream; a partial
         // frame is dropped.
         if (got <= 0) break;
         fill += static_cast<size_t>(got);
+        if (scan != nullptr) {
+          const size_t luma_had = fill < luma_ ? fill : luma_;
+          seed_scan_rows(scan, buffer, width_, static_cast<int64_t>(luma_had / static_cast<size_t>(width_)));
+        }
       }
       lock();
       if (fill == frame_) {
@@ -340,6 +354,8 @@ class OverlappedFrames {
   size_t prefill_;             // bytes of the first frame already in slot 0
   const StopSignals* stops_;   // where a stop signal is taken
   ChromaPipe* chroma_;         // chroma moved from pipe to pipe, or null
+  SeedScan* scans_;            // per slot: the seed of its frame, summed by the reader; or null
+  size_t luma_;                // bytes of the luma plane
   // Per slot: chroma bytes of its frame in its pipe (set by the
   // reader before the frame counts as read).
   size_t piped_[kSlots] = {};
@@ -390,11 +406,17 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
   // Between two pipes the chroma does not pass through the frame buffers.
   ChromaPipe chroma;
   const bool piped = chroma_pipe_open(&chroma, slot_count, in_fd, out_fd, frame_size, width, height);
+  // With a seed from the picture, the reader sums it as each frame arrives.
+  SeedScan scans[kSlots] = {};
+  bool scanning = seed < 0;
+  for (int32_t i = 0; scanning && i < slot_count; ++i) {
+    scanning = wm_filter_seed_scan_init(filter, width, height, &scans[i]);
+  }
   LoopEnd end;
   {
     Progress progress;
     OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height,
-                            seed, prefill, stops, piped ? &chroma : nullptr);
+                            seed, prefill, stops, piped ? &chroma : nullptr, scanning ? scans : nullptr);
     if (frames.start()) {
       end = frames.run(&progress);
     } else {
@@ -403,6 +425,7 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
     }
   }
   chroma_pipe_close(&chroma);
+  for (SeedScan& scan : scans) seed_scan_free(&scan);
   for (int32_t i = 2; i < slot_count; ++i) std::free(slots[i]);
   return end;
 }

@@ -89,6 +89,10 @@ uint8_t* texture_rows_needed(const WatermarkFilter* f) {
 // Cell values for the image-hash seed (into values, when not null) and the
 // texture map (into the filter's map, when texture is set), split over the
 // texture map's worker count.
+bool same_grid(const SeedGrid& a, const SeedGrid& b) {
+  return a.gx == b.gx && a.gy == b.gy && a.cw == b.cw && a.ch == b.ch && a.cells == b.cells;
+}
+
 void scan_frame(const WatermarkFilter* f, const uint8_t* luma, int32_t stride, bool texture,
                 const SeedGrid& grid, int32_t* values) {
   const int32_t n = texture_worker_count(f->threads);
@@ -110,8 +114,22 @@ void scan_frame(const WatermarkFilter* f, const uint8_t* luma, int32_t stride, b
 
 }  // namespace
 
+bool wm_filter_seed_scan_init(const WatermarkFilter* f, int32_t width, int32_t height, SeedScan* s) {
+  *s = SeedScan{};
+  if (f->sp_size < 1) return false;
+  const MarkLayout layout = mark_grid(f->width, f->height, f->sp_size);
+  if (layout.cols < 1 || layout.rows < 1) return false;
+  return seed_scan_init(
+      s, seed_grid(width, height, f->hash_cells_x, f->hash_cells_y, layout.cols, layout.rows));
+}
+
 int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_t height,
                         int32_t stride, int32_t seed) {
+  return wm_filter_apply_scanned(f, luma, width, height, stride, seed, nullptr);
+}
+
+int32_t wm_filter_apply_scanned(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_t height,
+                                int32_t stride, int32_t seed, const SeedScan* scan) {
   if (f->sp_size < 1) return -1;
   MarkLayout layout = mark_grid(f->width, f->height, f->sp_size);
   const int32_t cols = layout.cols;
@@ -137,9 +155,11 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
   SeedGrid grid{};
   int32_t* values = nullptr;
   bool seed_pending = false;
+  bool scanned = false;
   if (seed < 0) {
     grid = seed_grid(width, height, f->hash_cells_x, f->hash_cells_y, cols, rows);
-    if (seed_grid_has_samples(grid)) {
+    scanned = scan != nullptr && seed_scan_done(*scan) && same_grid(scan->grid, grid);
+    if (!scanned && seed_grid_has_samples(grid)) {
       values = static_cast<int32_t*>(std::malloc(static_cast<size_t>(grid.cells) * sizeof(int32_t)));
       seed_pending = values == nullptr;
     }
@@ -153,7 +173,9 @@ int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_
 
   int32_t s = seed & 31;
   if (seed < 0) {
-    if (values != nullptr) {
+    if (scanned) {
+      s = seed_scan_seed(*scan);
+    } else if (values != nullptr) {
       s = seed_from_cells(grid, values);
     } else if (seed_pending) {
       s = image_seed(luma, width, height, stride, f->hash_cells_x, f->hash_cells_y, cols, rows);

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "filter/seed.h"
+
 namespace lumamark {
 
 struct WatermarkFilter {
@@ -69,6 +71,18 @@ void wm_filter_set_threads(WatermarkFilter* f, int32_t n);
 // Embeds the watermark into one luma plane in place. 0, or -1.
 int32_t wm_filter_apply(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_t height,
                         int32_t stride, int32_t seed);
+
+// A scan of the image-hash seed of width x height frames for this filter,
+// to be fed the frame's rows as they arrive (seed_scan_restart,
+// seed_scan_rows); false when there is nothing to scan (the seed is then 0
+// or given) or no memory.
+bool wm_filter_seed_scan_init(const WatermarkFilter* f, int32_t width, int32_t height, SeedScan* s);
+
+// wm_filter_apply with the image-hash seed taken from a completed scan of
+// this frame's luma, as it was before this call; a null or incomplete scan,
+// or one of another grid, is not used.
+int32_t wm_filter_apply_scanned(WatermarkFilter* f, uint8_t* luma, int32_t width, int32_t height,
+                                int32_t stride, int32_t seed, const SeedScan* scan);
 
 // Releases every buffer and the filter itself (f must not be null).
 void wm_filter_free(WatermarkFilter* f);

@@ -13,10 +13,9 @@ namespace {
 
 constexpr int32_t kModulus = 9001;
 
-// h = (h * 31 + v) mod 9001 over the values, in wrapping 32-bit arithmetic
-// with a remainder that keeps the sign of the dividend.
-int32_t hash_chain(const int32_t* values, int64_t n) {
-  int32_t h = 0;
+// h = (h * 31 + v) mod 9001 over the values, from h, in wrapping 32-bit
+// arithmetic with a remainder that keeps the sign of the dividend.
+int32_t hash_chain(const int32_t* values, int64_t n, int32_t h) {
   for (int64_t i = 0; i < n; ++i) h = wrap_add(wrap_mul(h, 31), values[i]) % kModulus;
   return h;
 }
@@ -24,12 +23,12 @@ int32_t hash_chain(const int32_t* values, int64_t n) {
 // The same chain for values that are never negative: then nothing wraps and
 // every step is ordinary arithmetic modulo 9001, so eight steps fold into
 // h' = (31^8 h + sum of 31^(7 - j) v_j) mod 9001, and only one remainder per
-// eight values stays on the chain.
-int32_t hash_chain_non_negative(const int32_t* values, int64_t n) {
+// eight values stays on the chain. h0 is a hash of such values (0..9000).
+int32_t hash_chain_non_negative(const int32_t* values, int64_t n, int32_t h0) {
   uint64_t power[9];
   power[0] = 1;
   for (int k = 1; k <= 8; ++k) power[k] = power[k - 1] * 31 % kModulus;
-  uint64_t h = 0;
+  uint64_t h = static_cast<uint64_t>(h0);
   int64_t i = 0;
   for (; i + 8 <= n; i += 8) {
     uint64_t acc = h * power[8];
@@ -38,6 +37,17 @@ int32_t hash_chain_non_negative(const int32_t* values, int64_t n) {
   }
   for (; i < n; ++i) h = (h * 31 + static_cast<uint64_t>(values[i])) % kModulus;
   return static_cast<int32_t>(h);
+}
+
+// Whether every cell value of the grid is non-negative: a cell whose sum
+// stays below 2^31 has a non-negative value.
+bool non_negative_cells(const SeedGrid& g) {
+  return static_cast<int64_t>(g.cw) * g.ch * 255 < (int64_t{1} << 31);
+}
+
+// The chain over n more values, from h.
+int32_t hash_more(const SeedGrid& g, const int32_t* values, int64_t n, int32_t h) {
+  return non_negative_cells(g) ? hash_chain_non_negative(values, n, h) : hash_chain(values, n, h);
 }
 
 }  // namespace
@@ -62,11 +72,41 @@ bool seed_grid_has_samples(const SeedGrid& g) { return g.cells >= 1 && g.cw >= 1
 
 int32_t seed_from_cells(const SeedGrid& g, const int32_t* values) {
   if (g.cells < 1) return 0;
-  // A cell whose sum stays below 2^31 has a non-negative value.
-  const bool non_negative = static_cast<int64_t>(g.cw) * g.ch * 255 < (int64_t{1} << 31);
-  const int32_t h =
-      non_negative ? hash_chain_non_negative(values, g.cells) : hash_chain(values, g.cells);
-  return h % 32;
+  return hash_more(g, values, g.cells, 0) % 32;
+}
+
+bool seed_scan_init(SeedScan* s, const SeedGrid& grid) {
+  *s = SeedScan{};
+  s->grid = grid;
+  if (!seed_grid_has_samples(grid)) return false;
+  s->row = static_cast<int32_t*>(std::malloc(static_cast<size_t>(grid.gx) * sizeof(int32_t)));
+  return s->row != nullptr;
+}
+
+void seed_scan_restart(SeedScan* s) {
+  s->rows_done = 0;
+  s->hash = 0;
+}
+
+void seed_scan_rows(SeedScan* s, const uint8_t* luma, int32_t stride, int64_t rows) {
+  const SeedGrid& g = s->grid;
+  if (s->row == nullptr) return;
+  const int64_t ready = rows / g.ch;
+  const KernelTable& k = kernels();
+  for (; s->rows_done < g.gy && s->rows_done < ready; ++s->rows_done) {
+    k.cell_sums(luma + static_cast<ptrdiff_t>(s->rows_done) * g.ch * stride, stride, g.cw, g.ch, g.gx, 0, 1,
+                s->row);
+    s->hash = hash_more(g, s->row, g.gx, s->hash);
+  }
+}
+
+bool seed_scan_done(const SeedScan& s) { return s.row != nullptr && s.rows_done == s.grid.gy; }
+
+int32_t seed_scan_seed(const SeedScan& s) { return s.hash % 32; }
+
+void seed_scan_free(SeedScan* s) {
+  std::free(s->row);
+  s->row = nullptr;
 }
 
 int32_t image_seed(const uint8_t* luma, int32_t width, int32_t height, int32_t stride,

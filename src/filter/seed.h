@@ -28,4 +28,31 @@ bool seed_grid_has_samples(const SeedGrid& grid);
 // The seed from the cell values of the whole grid, in row-major order.
 int32_t seed_from_cells(const SeedGrid& grid, const int32_t* values);
 
+// The seed of one frame summed a band of rows at a time as the frame
+// arrives: each complete row of cells is summed and hashed as soon as its
+// samples are there, while they are still in the cache.
+struct SeedScan {
+  SeedGrid grid;      // the frame's hash grid
+  int32_t* row;       // values of one row of cells (grid.gx), or null: no scan
+  int32_t rows_done;  // rows of cells hashed, 0..grid.gy
+  int32_t hash;       // hash of their values
+};
+
+// A scan over grid; false (and no scan) when the grid has no samples, whose
+// seed is 0 anyway, or without memory.
+bool seed_scan_init(SeedScan* s, const SeedGrid& grid);
+
+// Starts the scan of a new frame.
+void seed_scan_restart(SeedScan* s);
+
+// Hashes the rows of cells that lie within the first rows rows of the frame
+// (luma at row pitch stride) and are not hashed yet.
+void seed_scan_rows(SeedScan* s, const uint8_t* luma, int32_t stride, int64_t rows);
+
+// True when every row of cells is hashed; the seed is then seed_scan_seed.
+bool seed_scan_done(const SeedScan& s);
+int32_t seed_scan_seed(const SeedScan& s);
+
+void seed_scan_free(SeedScan* s);
+
 }  // namespace lumamark

@@ -92,6 +92,71 @@ TEST(ImageSeed, WorkedExamplesWithEveryKernelSet) {
   use_kernel_set(best_kernel_set());
 }
 
+// The seed summed a band of rows at a time as a frame arrives, in pieces of
+// any size, equals the seed of the whole frame; a filter given the finished
+// scan marks the frame exactly as without it, and ignores a scan that is
+// unfinished or of another frame size.
+TEST(ImageSeed, ScannedAsTheRowsArrive) {
+  std::mt19937 rng(77);
+  for (int iter = 0; iter < 60; ++iter) {
+    const int32_t w = 1 + rng() % 90, h = 1 + rng() % 70, cols = rng() % 12, rows = rng() % 12;
+    std::vector<uint8_t> luma(static_cast<size_t>(w) * h);
+    for (auto& v : luma) v = static_cast<uint8_t>(rng());
+    SeedScan scan;
+    const SeedGrid grid = seed_grid(w, h, 1, 1, cols, rows);
+    if (!seed_scan_init(&scan, grid)) {
+      EXPECT_FALSE(seed_grid_has_samples(grid));
+      continue;
+    }
+    for (int pass = 0; pass < 2; ++pass) {  // a second frame after a restart
+      seed_scan_restart(&scan);
+      for (int64_t had = 0; !seed_scan_done(scan);) {
+        had = std::min<int64_t>(h + 5, had + rng() % 9);
+        seed_scan_rows(&scan, luma.data(), w, had);
+        EXPECT_EQ(had >= h - h % std::max(1, grid.ch) || had >= int64_t{grid.gy} * grid.ch, seed_scan_done(scan))
+            << had;
+      }
+      EXPECT_EQ(image_seed(luma.data(), w, h, w, 1, 1, cols, rows), seed_scan_seed(scan));
+      luma[rng() % luma.size()] ^= 0xFF;
+    }
+    seed_scan_free(&scan);
+  }
+  // Cells whose sums pass 2^31 have negative values.
+  const std::vector<uint8_t> bright(3000u * 3000u, 255);
+  SeedScan scan;
+  ASSERT_TRUE(seed_scan_init(&scan, seed_grid(3000, 3000, 1, 1, 1, 1)));
+  seed_scan_restart(&scan);
+  seed_scan_rows(&scan, bright.data(), 3000, 3000);
+  EXPECT_EQ(-26, seed_scan_seed(scan));
+  seed_scan_free(&scan);
+
+  WatermarkFilter* f = wm_filter_create();
+  ASSERT_EQ(0, wm_filter_init(f, 3, 7, 0, 100, 100, 1, 1, 96, 64, "1", 13, 0, 2, 3));
+  std::vector<uint8_t> frame(96 * 64);
+  for (auto& v : frame) v = static_cast<uint8_t>(rng());
+  std::vector<uint8_t> want = frame;
+  ASSERT_EQ(0, wm_filter_apply(f, want.data(), 96, 64, 96, -1));
+  SeedScan scans[3];
+  ASSERT_TRUE(wm_filter_seed_scan_init(f, 96, 64, &scans[0]));
+  ASSERT_TRUE(wm_filter_seed_scan_init(f, 96, 64, &scans[1]));
+  ASSERT_TRUE(wm_filter_seed_scan_init(f, 96, 56, &scans[2]));  // another grid: 6-row cells
+  for (SeedScan& s : scans) seed_scan_restart(&s);
+  seed_scan_rows(&scans[0], frame.data(), 96, 64);
+  seed_scan_rows(&scans[1], frame.data(), 96, 60);  // unfinished
+  // The other grid's scan is of other pixels: its seed is the seed of a
+  // brighter frame, which must not be taken.
+  std::vector<uint8_t> other(frame.size(), 200);
+  seed_scan_rows(&scans[2], other.data(), 96, 56);
+  ASSERT_NE(seed_scan_seed(scans[0]), seed_scan_seed(scans[2]));
+  for (SeedScan& s : scans) {
+    std::vector<uint8_t> got = frame;
+    ASSERT_EQ(0, wm_filter_apply_scanned(f, got.data(), 96, 64, 96, -1, &s));
+    EXPECT_EQ(want, got);
+    seed_scan_free(&s);
+  }
+  wm_filter_free(f);
+}
+
 int ones(const std::vector<uint8_t>& v) { return std::accumulate(v.begin(), v.end(), 0); }
 
 TEST(Selection, ExactCountsBlocksAndSpreadOverRepetitions) {
