@@ -70,6 +70,9 @@ struct PreparedEntry {
 };
 static_assert(sizeof(PreparedEntry) == 64, "entries are one cache line");
 
+// Eight bytes from kKeepBytes + 8 - n keep the low n bytes of eight.
+alignas(16) constexpr uint8_t kKeepBytes[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
 // Prepared data is kept only while it stays small next to the frame.
 constexpr int64_t kMaxPrepared = 1024 * 1024;
 
@@ -775,43 +778,53 @@ int64_t embed_band_prepare_avx2(const EmbedPattern* patterns, int32_t count, int
   h->kind = kind;
   h->variants = variants;
   PreparedEntry* entries = reinterpret_cast<PreparedEntry*>(out + sizeof(PreparedHeader));
-  int32_t most_amp = 0;
+  const __m128i high_nibble = _mm_set1_epi8(static_cast<char>(0xF0));
+  const __m128i zero = _mm_setzero_si128();
+  __m128i most = zero;  // largest amplitude so far, per lane
   for (int32_t set = 0; set < variants; ++set) {
+    // The amplitude of pattern bytes 0..15 under this set's table (all
+    // others keep their value), as build_rows looks it up.
+    int32_t small[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+    if (kind == 0) {
+      for (int32_t p = 1; p < 8; ++p) small[p] = 1;
+    }
+    const __m128i table = kind == 2 ? kBorderTables.at(set) : make_table(small);
     for (int32_t i = 0; i < count; ++i) {
-      // The amplitude of pattern bytes 0..7 under this set's table (the
-      // bytes 8..15 and all others keep their value).
-      const uint8_t* table = kind == 2 ? kBorderTables.bytes[set] : nullptr;
       const int8_t* pattern = patterns[i].pattern;
+      const int32_t area = sp_w * sp_h;
       PreparedEntry* mine = entries + (static_cast<ptrdiff_t>(set) * count + i) * chunks * sp_h;
       int32_t rank = 0;
       for (int32_t r = 0; r < sp_h; ++r) {
         for (int32_t c = 0, k = 0; c < sp_w; c += 8, ++k) {
+          const int32_t inside = imin(8, sp_w - c);
+          const int32_t at = r * sp_w + c;
+          // Bytes past the block's columns (or of no pattern) count as 0.
+          __m128i pat = pattern != nullptr ? load_pattern8(pattern + at, area - at) : zero;
+          pat = _mm_and_si128(pat, _mm_loadl_epi64(reinterpret_cast<const __m128i*>(kKeepBytes + 8 - inside)));
+          const __m128i in_table = _mm_cmpeq_epi8(_mm_and_si128(pat, high_nibble), zero);
+          const __m128i a8 = _mm_blendv_epi8(pat, _mm_shuffle_epi8(table, pat), in_table);
+          const __m128i amp = _mm_cvtepi8_epi16(a8);
+          most = _mm_max_epi16(most, _mm_abs_epi16(amp));
+          const uint32_t nz = ~static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(pat, zero))) & 0xFFu;
           PreparedEntry& e = mine[r * chunks + k];
           e = PreparedEntry{};
+          _mm_store_si128(reinterpret_cast<__m128i*>(e.sign[0].amp), amp);
+          _mm_store_si128(reinterpret_cast<__m128i*>(e.sign[1].amp), _mm_sub_epi16(zero, amp));
+          std::memcpy(e.sign[0].shuffle, kExpand.rows[nz], 8);
+          std::memcpy(e.sign[1].shuffle, kExpand.rows[nz], 8);
           e.sign[0].rank = rank;
           e.sign[1].rank = rank;
-          int32_t taken = 0;
-          for (int32_t j = 0; j < 8; ++j) {
-            const bool inside = c + j < sp_w;
-            const int32_t p = inside && pattern != nullptr ? pattern[r * sp_w + c + j] : 0;
-            // The same amplitude as the table lookup in build_rows.
-            int32_t a = p;
-            if (kind == 0 && p >= 1 && p <= 7) a = 1;
-            if (kind == 2 && p >= 0 && p <= 7) a = table[p];
-            e.sign[0].amp[j] = static_cast<int16_t>(inside ? a : 0);
-            e.sign[1].amp[j] = static_cast<int16_t>(inside ? -a : 0);
-            if (inside) most_amp = imax(most_amp, a < 0 ? -a : a);
-            const uint8_t pick = p != 0 ? static_cast<uint8_t>(taken++) : 0x80;
-            e.sign[0].shuffle[j] = pick;
-            e.sign[1].shuffle[j] = pick;
-          }
-          rank += taken;
-          if (taken != 0) h->rows_used |= uint64_t{1} << r;
+          rank += __builtin_popcount(nz);
+          if (nz != 0) h->rows_used |= uint64_t{1} << r;
         }
       }
       h->most_nonzero = imax(h->most_nonzero, rank);
     }
   }
+  alignas(16) int16_t lanes[8];
+  _mm_store_si128(reinterpret_cast<__m128i*>(lanes), most);
+  int32_t most_amp = 0;
+  for (int16_t v : lanes) most_amp = imax(most_amp, v);
   h->most_amp = most_amp;
   return bytes;
 }
