@@ -322,14 +322,38 @@ void random_bytes(const EmbedBand* b, uint8_t* rnd, int32_t slot, int32_t steps)
     __m256i s0 = _mm256_xor_si256(_mm256_set1_epi32(static_cast<int32_t>(row_bits ^ frame)), xs);
     __m256i s1 = _mm256_xor_si256(s0, _mm256_set1_epi32(static_cast<int32_t>(0xacbdef01u)));
     uint8_t* out = rnd + static_cast<ptrdiff_t>(i0) * slot;
-    for (int32_t step = 0; step < steps; ++step, out += 8) {
+    auto next = [&s0, &s1](__m256i* lo, __m256i* hi) {
       const __m256i t = _mm256_xor_si256(s1, s0);
       const __m256i rot0 = _mm256_or_si256(_mm256_srli_epi32(s0, 6), _mm256_slli_epi32(s0, 26));
       s0 = _mm256_xor_si256(_mm256_xor_si256(rot0, t), _mm256_slli_epi32(t, 9));
       s1 = _mm256_or_si256(_mm256_srli_epi32(t, 19), _mm256_slli_epi32(t, 13));
       // 64-bit words s0 | s1 << 32 of lanes 0, 1, 4, 5 and of lanes 2, 3, 6, 7.
-      const __m256i lo = _mm256_unpacklo_epi32(s0, s1);
-      const __m256i hi = _mm256_unpackhi_epi32(s0, s1);
+      *lo = _mm256_unpacklo_epi32(s0, s1);
+      *hi = _mm256_unpackhi_epi32(s0, s1);
+    };
+    if (lanes == 8 && steps == 4) {
+      // Four outputs of eight generators: transposed, each superpixel's 32
+      // bytes are one store (a slot holds at least 48 bytes here).
+      __m256i lo[4], hi[4];
+      for (int k = 0; k < 4; ++k) next(&lo[k], &hi[k]);
+      const ptrdiff_t sl = slot;
+      auto store_pair = [&](__m256i w0, __m256i w1, __m256i w2, __m256i w3, int first, int second,
+                            bool high) {
+        // Words of superpixels first (low halves) and second (high halves).
+        const __m256i a = high ? _mm256_unpackhi_epi64(w0, w1) : _mm256_unpacklo_epi64(w0, w1);
+        const __m256i c = high ? _mm256_unpackhi_epi64(w2, w3) : _mm256_unpacklo_epi64(w2, w3);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + first * sl), _mm256_permute2x128_si256(a, c, 0x20));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + second * sl), _mm256_permute2x128_si256(a, c, 0x31));
+      };
+      store_pair(lo[0], lo[1], lo[2], lo[3], 0, 4, false);
+      store_pair(lo[0], lo[1], lo[2], lo[3], 1, 5, true);
+      store_pair(hi[0], hi[1], hi[2], hi[3], 2, 6, false);
+      store_pair(hi[0], hi[1], hi[2], hi[3], 3, 7, true);
+      continue;
+    }
+    for (int32_t step = 0; step < steps; ++step, out += 8) {
+      __m256i lo, hi;
+      next(&lo, &hi);
       if (lanes == 8) {
         const ptrdiff_t sl = slot;
         const __m128i lo_hi = _mm256_extracti128_si256(lo, 1);
