@@ -616,6 +616,34 @@ int32_t list_rows(uint64_t mask, int32_t sp_h, int32_t* used) {
   return count;
 }
 
+// Rows of a prepared entry, in halves.
+constexpr ptrdiff_t kRowHalves = sizeof(PreparedEntry) / sizeof(PreparedHalf);
+
+// The work rows first_row .. first_row + kRows - 1 of every superpixel of a
+// run, superpixel by superpixel; halves[i] is superpixel i's prepared row 0.
+// Each superpixel's stores overwrite what the one before leaves past its
+// width.
+template <bool kPerceptual, int kRows>
+void build_contiguous(const PreparedHalf* const* halves, int32_t count, int32_t sp_w, const Scratch& s,
+                      int32_t first_row) {
+  const ptrdiff_t cells = static_cast<ptrdiff_t>(s.cells);
+  int16_t* amp = s.amp_rows + first_row * cells;
+  uint8_t* rnd = s.rnd_rows + first_row * cells;
+  const uint8_t* bytes = s.rnd;
+  const ptrdiff_t row_at = first_row * kRowHalves;
+  for (int32_t i = 0; i < count; ++i, amp += sp_w, rnd += sp_w, bytes += s.slot) {
+    const PreparedHalf* half = halves[i] + row_at;
+    for (int u = 0; u < kRows; ++u) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp + u * cells), load_amp(half + u * kRowHalves));
+      if (kPerceptual) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd + u * cells), pick_random(bytes, half + u * kRowHalves));
+      }
+    }
+  }
+}
+
+using BuildContiguous = void (*)(const PreparedHalf* const*, int32_t, int32_t, const Scratch&, int32_t);
+
 // A run whose patterns are all prepared and at most eight columns wide. One
 // pass over the superpixels finds each one's prepared rows for its sign (and
 // border band) and the rows and random bytes the run needs; then the work
@@ -653,10 +681,25 @@ void embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Sc
   // a superpixel takes only a prefix of its random bytes.
   int32_t used[kMaxSide];
   const int32_t used_count = list_rows(h->rows_used, sp_h, used);
+  if (used_count == 0) return;
   if (kPerceptual) random_bytes(b, s.rnd, s.slot, (h->most_nonzero + 7) / 8);
 
-  constexpr ptrdiff_t kRowHalves = sizeof(PreparedEntry) / sizeof(PreparedHalf);
   const ptrdiff_t slot = s.slot;
+  // Most runs use a few rows one after another (those inside the border):
+  // each superpixel then writes all its rows at once.
+  const bool contiguous = used[used_count - 1] - used[0] == used_count - 1;
+  if (contiguous && used_count <= 8) {
+    static constexpr BuildContiguous kBuild[2][8] = {
+        {build_contiguous<false, 1>, build_contiguous<false, 2>, build_contiguous<false, 3>,
+         build_contiguous<false, 4>, build_contiguous<false, 5>, build_contiguous<false, 6>,
+         build_contiguous<false, 7>, build_contiguous<false, 8>},
+        {build_contiguous<true, 1>, build_contiguous<true, 2>, build_contiguous<true, 3>,
+         build_contiguous<true, 4>, build_contiguous<true, 5>, build_contiguous<true, 6>,
+         build_contiguous<true, 7>, build_contiguous<true, 8>}};
+    kBuild[kPerceptual ? 1 : 0][used_count - 1](halves, count, sp_w, s, used[0]);
+    apply_rows(b, used, used_count, s.amp_rows, s.rnd_rows, s.cells, kPerceptual, count * sp_w, h->most_amp);
+    return;
+  }
   for (int32_t u = 0; u < used_count; ++u) {
     const ptrdiff_t row_at = used[u] * kRowHalves;
     int16_t* amp = s.amp_rows + static_cast<size_t>(used[u]) * s.cells;
