@@ -388,7 +388,7 @@ inline __m128i load_pattern8(const int8_t* p, int32_t avail) {
 // luma[x] += change for one row of n pixels; perceptual rows weigh the
 // amplitude by the random byte and the texture. The work rows may be read
 // past n (they have room); the luma and texture rows may not.
-template <bool kShortProduct>
+template <bool kPerceptual, bool kShortProduct>
 void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint8_t* tex, int32_t n) {
   const __m256i k24 = _mm256_set1_epi16(24);
   const __m256i k128 = _mm256_set1_epi16(128);
@@ -396,7 +396,7 @@ void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint
   // rows, texture bytes (16-bit lanes).
   auto change = [&](int32_t at, __m256i old, __m256i t) {
     const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp + at));
-    if (tex == nullptr) return _mm256_add_epi16(old, a);
+    if (!kPerceptual) return _mm256_add_epi16(old, a);
     const __m256i r = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rnd + at)));
     const __m256i weight = _mm256_add_epi16(_mm256_add_epi16(r, k128), _mm256_mullo_epi16(t, k24));
     const __m256i mag = _mm256_abs_epi16(a);
@@ -411,7 +411,7 @@ void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint
     return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
   };
   auto whole16 = [&](int32_t at) {
-    return change(at, load16(luma + at), tex != nullptr ? load16(tex + at) : _mm256_setzero_si256());
+    return change(at, load16(luma + at), kPerceptual ? load16(tex + at) : _mm256_setzero_si256());
   };
   int32_t x = 0;
   for (; x + 32 <= n; x += 32) {
@@ -427,7 +427,7 @@ void apply_row(uint8_t* luma, const int16_t* amp, const uint8_t* rnd, const uint
     // The last pixels: only they are loaded and stored.
     const int32_t rest = n - x;
     const __m256i old = _mm256_cvtepu8_epi16(load_row16(luma + x, rest));
-    const __m256i t = tex != nullptr ? _mm256_cvtepu8_epi16(load_row16(tex + x, rest)) : _mm256_setzero_si256();
+    const __m256i t = kPerceptual ? _mm256_cvtepu8_epi16(load_row16(tex + x, rest)) : _mm256_setzero_si256();
     const __m256i v = _mm256_permute4x64_epi64(_mm256_packus_epi16(change(x, old, t), old), 0x08);
     store_row16(luma + x, _mm256_castsi256_si128(v), rest);
   }
@@ -453,7 +453,13 @@ void apply_rows(const EmbedBand* b, const int32_t* used, int32_t used_count, con
                    : nullptr;
     const int16_t* amp = amp_rows + static_cast<size_t>(r) * cells;
     const uint8_t* rnd = rnd_rows + static_cast<size_t>(r) * cells;
-    short_product ? apply_row<true>(line, amp, rnd, tex, n) : apply_row<false>(line, amp, rnd, tex, n);
+    if (!perceptual) {
+      apply_row<false, false>(line, amp, rnd, tex, n);
+    } else if (short_product) {
+      apply_row<true, true>(line, amp, rnd, tex, n);
+    } else {
+      apply_row<true, false>(line, amp, rnd, tex, n);
+    }
   }
 }
 
