@@ -1,13 +1,23 @@
-// Texture map rows with AVX2, sixteen pixels per step in 16-bit lanes.
+// Texture map rows with AVX2.
 //
-// The vertical window sum of every column is kept in a row of 16-bit sums
-// that moves down one row at a time; the horizontal window sums come from a
-// 16-bit prefix sum of the row, whose wrapped differences are exact because
-// a window never sums to more than 127 x 255. Both rounded means divide by a
-// multiplication (small_divisor16). Columns whose horizontal window is cut
-// by the row's ends take the same prefix sums, padded past both ends, and a
-// division by their own window size, sixteen at a time; rows narrower than
-// sixteen columns are done one column at a time.
+// Radius 10 (the embedder's) on rows of at least 64 columns has a path of its
+// own. The vertical window sums of every column are kept in 16-bit lanes
+// with half the window already added, and move down only to the rows that
+// are needed (skipped rows are stepped over in one pass). A horizontal window
+// of 21 bytes is five sums of four bytes plus one byte, which vpmpsadbw gives
+// without any prefix sums. Both rounded means are one multiply-high where
+// that is exact, 32 columns at a time; the columns whose windows are cut by
+// the row's ends read a zero-padded copy of the row and divide by their own
+// window sizes.
+//
+// Any other radius: the vertical window sum of every column is kept in a row
+// of 16-bit sums that moves down one row at a time; the horizontal window
+// sums come from a 16-bit prefix sum of the row, whose wrapped differences
+// are exact because a window never sums to more than 127 x 255. Both rounded
+// means divide by a multiplication (small_divisor16). Columns whose
+// horizontal window is cut by the row's ends take the same prefix sums,
+// padded past both ends, and a division by their own window size, sixteen at
+// a time; rows narrower than sixteen columns are done one column at a time.
 #include <immintrin.h>
 
 #include <cstddef>
@@ -95,8 +105,10 @@ void move_columns(uint16_t* columns, const uint8_t* drop, const uint8_t* add, in
 
 }  // namespace
 
-void texture_rows_avx2(const TextureRows* rows) {
-  if (rows == nullptr) return;
+namespace {
+
+// Any radius: see the file's description.
+void texture_rows_any(const TextureRows* rows) {
   const int32_t w = rows->width;
   const int32_t h = rows->height;
   const int32_t r = rows->radius;
@@ -281,4 +293,373 @@ void texture_rows_avx2(const TextureRows* rows) {
   std::free(scratch);
 }
 
+}  // namespace
+
+namespace {
+
+// The radius the embedder uses, with a path of its own: a window of 21 bytes
+// is five sums of four bytes plus one byte, and vpmpsadbw (against zero)
+// gives eight sums of four bytes per 128-bit lane, so a row's window sums take
+// no prefix sums at all.
+constexpr int32_t kR = 10;
+
+inline __m256i load32(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
+inline void store32(void* p, __m256i v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
+
+// Columns come in groups of 32 (group g: columns 32g .. 32g + 31). A group's
+// 16-bit sums are kept in the order that unpacking its bytes gives: columns
+// 0-7 and 16-23 in the first sixteen slots, 8-15 and 24-31 in the next
+// sixteen, so that packing the two halves back to bytes restores the
+// columns' order without a permutation.
+inline int32_t column_slot(int32_t c) {
+  const int32_t o = c & 31;
+  return (c - o) + (o < 8 || o >= 24 ? o : o < 16 ? o + 8 : o - 8);
+}
+
+// Division of a 16-bit lane by n (2 <= n <= 127) for numerators up to
+// 255 n + n / 2: one multiply-high by mul when that is exact, else a second
+// one by post = 2^(16 - s) (a right shift by s, lane by lane).
+// mul = ceil(2^16 / n) exceeds the exact quotient by t e / (n 2^16) for a
+// numerator t (e = mul n - 2^16), so it is exact when t e < 2^16.
+struct LaneDivisor {
+  uint16_t mul;
+  uint16_t post;  // 0: mul alone is exact
+};
+
+inline LaneDivisor lane_divisor(uint32_t n) {
+  const uint32_t mul = (65536 + n - 1) / n;
+  const uint32_t e = mul * n - 65536;
+  if (mul < 65536 && (255 * n + n / 2) * e < 65536) return LaneDivisor{static_cast<uint16_t>(mul), 0};
+  // Not a power of two (those have e = 0), so the shift is at least 1.
+  const SmallDivisor16 d = small_divisor16(n);
+  return LaneDivisor{d.mul, static_cast<uint16_t>(1u << (16 - d.shift))};
+}
+
+// The same division with two multiplications in every case (n >= 3): a
+// single exact multiplier mul becomes 2 mul followed by a halving.
+inline LaneDivisor lane_divisor_two_step(uint32_t n) {
+  const LaneDivisor d = lane_divisor(n);
+  if (d.post != 0) return d;
+  return LaneDivisor{static_cast<uint16_t>(2 * d.mul), 32768};
+}
+
+// Window sums of the 21 bytes around q[i], in slot order: *lo for
+// i = 0-7 and 16-23, *hi for i = 8-15 and 24-31; extra is added to both.
+// Reads q[-10] .. q[45]. A lane of vpmpsadbw sums four bytes at eight
+// offsets from the lane's start (or from four bytes further on), so each
+// load serves the two lanes sixteen columns apart.
+inline void window_sums(const uint8_t* q, __m256i extra, __m256i* lo, __m256i* hi) {
+  const __m256i z = _mm256_setzero_si256();
+  const __m256i pick = _mm256_setr_epi8(4, -1, 5, -1, 6, -1, 7, -1, 8, -1, 9, -1, 10, -1, 11, -1,  //
+                                        4, -1, 5, -1, 6, -1, 7, -1, 8, -1, 9, -1, 10, -1, 11, -1);
+  const __m256i a = load32(q - 10);
+  const __m256i b = load32(q - 2);
+  const __m256i c = load32(q + 6);
+  const __m256i d = load32(q + 14);
+  // q[i - 2 .. i + 9]: shared by both halves.
+  const __m256i mid = _mm256_add_epi16(
+      _mm256_add_epi16(_mm256_mpsadbw_epu8(b, z, 0x00), _mm256_mpsadbw_epu8(b, z, 0x24)),
+      _mm256_add_epi16(_mm256_mpsadbw_epu8(c, z, 0x00), extra));
+  *lo = _mm256_add_epi16(_mm256_add_epi16(_mm256_mpsadbw_epu8(a, z, 0x00), _mm256_mpsadbw_epu8(a, z, 0x24)),
+                         _mm256_add_epi16(mid, _mm256_shuffle_epi8(c, pick)));
+  *hi = _mm256_add_epi16(_mm256_add_epi16(_mm256_mpsadbw_epu8(c, z, 0x24), _mm256_mpsadbw_epu8(d, z, 0x00)),
+                         _mm256_add_epi16(mid, _mm256_shuffle_epi8(d, pick)));
+}
+
+// min(dh + dv + 7 min(dh, dv), 50) = min(max + 8 min, 50) for 32 bytes. The
+// minimum is cut at 7 before it is multiplied (8 x 7 already exceeds 50), so
+// the 16-bit shift moves no bit into the next byte, and the saturating sum
+// only saturates above 50.
+inline __m256i texture_bytes(__m256i mh, __m256i mv, __m256i p) {
+  const __m256i dh = _mm256_or_si256(_mm256_subs_epu8(mh, p), _mm256_subs_epu8(p, mh));
+  const __m256i dv = _mm256_or_si256(_mm256_subs_epu8(mv, p), _mm256_subs_epu8(p, mv));
+  const __m256i small = _mm256_min_epu8(_mm256_min_epu8(dh, dv), _mm256_set1_epi8(7));
+  const __m256i v = _mm256_adds_epu8(_mm256_max_epu8(dh, dv), _mm256_slli_epi16(small, 3));
+  return _mm256_min_epu8(v, _mm256_set1_epi8(50));
+}
+
+// Vertical means of one group: the sums already hold the rounding half.
+template <bool kTwoStep>
+inline __m256i vertical_means(const uint16_t* sums, __m256i mul, __m256i post) {
+  __m256i lo = _mm256_mulhi_epu16(load32(sums), mul);
+  __m256i hi = _mm256_mulhi_epu16(load32(sums + 16), mul);
+  if (kTwoStep) {
+    lo = _mm256_mulhi_epu16(lo, post);
+    hi = _mm256_mulhi_epu16(hi, post);
+  }
+  return _mm256_packus_epi16(lo, hi);
+}
+
+// Per-slot divisors of a group some of whose horizontal windows are cut by
+// the row's ends.
+struct EdgeDivisors {
+  uint16_t half[32];
+  uint16_t mul[32];
+  uint16_t post[32];
+};
+
+void edge_divisors(int32_t g, int32_t w, EdgeDivisors* d) {
+  for (int32_t o = 0; o < 32; ++o) {
+    const int32_t c = 32 * g + o;
+    // Columns past the row's end are never stored; any divisor will do.
+    const uint32_t n = c < w ? static_cast<uint32_t>((c < kR ? c : kR) + (w - 1 - c < kR ? w - 1 - c : kR) + 1)
+                             : 2 * kR + 1;
+    const LaneDivisor ld = lane_divisor_two_step(n);
+    const int32_t s = column_slot(c) - 32 * g;
+    d->half[s] = static_cast<uint16_t>(n / 2);
+    d->mul[s] = ld.mul;
+    d->post[s] = ld.post;
+  }
+}
+
+// Everything one call needs, fixed for its rows.
+struct FastRows {
+  const uint8_t* src;
+  ptrdiff_t stride;
+  int32_t w;
+  int32_t h;
+  int32_t groups;      // whole groups, w / 32
+  int32_t all_groups;  // groups with at least one column
+  int32_t inner_end;   // groups [1, inner_end) read every byte they need from the row
+  int32_t right_base;  // first row byte copied to the right buffer
+  uint16_t* sums;      // vertical window sums (plus half the window) in slot order
+  uint8_t* left;       // 32 zeros, then the row's first 64 bytes
+  uint8_t* right;      // the row from right_base on, then zeros
+  EdgeDivisors* edges; // group 0, then groups inner_end .. all_groups - 1
+};
+
+inline int32_t rows_in_window(int32_t y, int32_t h) {
+  return (y + kR + 1 < h ? y + kR + 1 : h) - (y - kR > 0 ? y - kR : 0);
+}
+
+// sums = start + the sum of rows top .. top + n - 1, column by column.
+void sum_columns(const FastRows& f, const uint8_t* top, int32_t n, uint16_t start) {
+  const __m256i ones = _mm256_set1_epi8(1);
+  const __m256i z = _mm256_setzero_si256();
+  for (int32_t g = 0; g < f.groups; ++g) {
+    __m256i lo = _mm256_set1_epi16(static_cast<int16_t>(start));
+    __m256i hi = lo;
+    const uint8_t* p = top + 32 * g;
+    int32_t k = 0;
+    for (; k + 2 <= n; k += 2, p += 2 * f.stride) {
+      const __m256i a = load32(p);
+      const __m256i b = load32(p + f.stride);
+      lo = _mm256_add_epi16(lo, _mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), ones));
+      hi = _mm256_add_epi16(hi, _mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), ones));
+    }
+    if (k < n) {
+      const __m256i a = load32(p);
+      lo = _mm256_add_epi16(lo, _mm256_unpacklo_epi8(a, z));
+      hi = _mm256_add_epi16(hi, _mm256_unpackhi_epi8(a, z));
+    }
+    store32(f.sums + 32 * g, lo);
+    store32(f.sums + 32 * g + 16, hi);
+  }
+  for (int32_t c = 32 * f.groups; c < f.w; ++c) {
+    uint32_t s = start;
+    for (int32_t k = 0; k < n; ++k) s += top[k * f.stride + c];
+    f.sums[column_slot(c)] = static_cast<uint16_t>(s);
+  }
+}
+
+// k steps down in the middle of the frame, where the window keeps its 21
+// rows: sums += add[j] - drop[j] for the rows add + j stride and
+// drop + j stride, j < k. The byte pairs (add, drop) are unpacked and
+// multiplied-added with (1, -1): one instruction per sixteen differences.
+template <bool kOne>
+void move_columns_inside(const FastRows& f, const uint8_t* add, const uint8_t* drop, int32_t k) {
+  const __m256i weights = _mm256_set1_epi16(static_cast<int16_t>(0xFF01));
+  for (int32_t g = 0; g < f.groups; ++g) {
+    uint16_t* s = f.sums + 32 * g;
+    __m256i lo = load32(s);
+    __m256i hi = load32(s + 16);
+    const uint8_t* a = add + 32 * g;
+    const uint8_t* d = drop + 32 * g;
+    for (int32_t j = 0; j < (kOne ? 1 : k); ++j, a += f.stride, d += f.stride) {
+      const __m256i va = load32(a);
+      const __m256i vd = load32(d);
+      lo = _mm256_add_epi16(lo, _mm256_maddubs_epi16(_mm256_unpacklo_epi8(va, vd), weights));
+      hi = _mm256_add_epi16(hi, _mm256_maddubs_epi16(_mm256_unpackhi_epi8(va, vd), weights));
+    }
+    store32(s, lo);
+    store32(s + 16, hi);
+  }
+  for (int32_t c = 32 * f.groups; c < f.w; ++c) {
+    uint32_t s = f.sums[column_slot(c)];
+    for (int32_t j = 0; j < k; ++j) s += static_cast<uint32_t>(add[j * f.stride + c]) - drop[j * f.stride + c];
+    f.sums[column_slot(c)] = static_cast<uint16_t>(s);
+  }
+}
+
+// One step down where the window is cut by the frame's top or bottom: add
+// and drop may be null, and bias moves the rounding half to the new window
+// size (all modulo 2^16).
+void move_columns_edge(const FastRows& f, const uint8_t* add, const uint8_t* drop, uint16_t bias) {
+  const __m256i z = _mm256_setzero_si256();
+  const __m256i b = _mm256_set1_epi16(static_cast<int16_t>(bias));
+  for (int32_t g = 0; g < f.groups; ++g) {
+    uint16_t* s = f.sums + 32 * g;
+    __m256i lo = _mm256_add_epi16(load32(s), b);
+    __m256i hi = _mm256_add_epi16(load32(s + 16), b);
+    if (add != nullptr) {
+      const __m256i a = load32(add + 32 * g);
+      lo = _mm256_add_epi16(lo, _mm256_unpacklo_epi8(a, z));
+      hi = _mm256_add_epi16(hi, _mm256_unpackhi_epi8(a, z));
+    }
+    if (drop != nullptr) {
+      const __m256i d = load32(drop + 32 * g);
+      lo = _mm256_sub_epi16(lo, _mm256_unpacklo_epi8(d, z));
+      hi = _mm256_sub_epi16(hi, _mm256_unpackhi_epi8(d, z));
+    }
+    store32(s, lo);
+    store32(s + 16, hi);
+  }
+  for (int32_t c = 32 * f.groups; c < f.w; ++c) {
+    uint32_t s = f.sums[column_slot(c)] + bias;
+    if (add != nullptr) s += add[c];
+    if (drop != nullptr) s -= drop[c];
+    f.sums[column_slot(c)] = static_cast<uint16_t>(s);
+  }
+}
+
+// One group whose bytes come from a padded copy q of the row, with its own
+// divisors per column; stores min(32, w - 32 g) bytes.
+template <bool kTwoStep>
+void edge_group(const FastRows& f, const uint8_t* q, int32_t g, const EdgeDivisors& d, uint8_t* out,
+                __m256i v_mul, __m256i v_post) {
+  __m256i lo, hi;
+  window_sums(q, _mm256_setzero_si256(), &lo, &hi);
+  lo = _mm256_mulhi_epu16(_mm256_add_epi16(lo, load32(d.half)), load32(d.mul));
+  hi = _mm256_mulhi_epu16(_mm256_add_epi16(hi, load32(d.half + 16)), load32(d.mul + 16));
+  lo = _mm256_mulhi_epu16(lo, load32(d.post));
+  hi = _mm256_mulhi_epu16(hi, load32(d.post + 16));
+  const __m256i mh = _mm256_packus_epi16(lo, hi);
+  const __m256i mv = vertical_means<kTwoStep>(f.sums + 32 * g, v_mul, v_post);
+  const __m256i v = texture_bytes(mh, mv, load32(q));
+  if (32 * g + 32 <= f.w) {
+    store32(out + 32 * g, v);
+  } else {
+    alignas(32) uint8_t tail[32];
+    store32(tail, v);
+    for (int32_t c = 32 * g; c < f.w; ++c) out[c] = tail[c - 32 * g];
+  }
+}
+
+template <bool kTwoStep>
+void fast_row(const FastRows& f, const uint8_t* row, uint8_t* out, __m256i v_mul, __m256i v_post) {
+  // Group 0, from the left copy (the row has at least 64 bytes).
+  store32(f.left + 32, load32(row));
+  store32(f.left + 64, load32(row + 32));
+  edge_group<kTwoStep>(f, f.left + 32, 0, f.edges[0], out, v_mul, v_post);
+
+  const __m256i h_half = _mm256_set1_epi16(kR);
+  const __m256i h_mul = _mm256_set1_epi16(static_cast<int16_t>(lane_divisor(2 * kR + 1).mul));
+  for (int32_t g = 1; g < f.inner_end; ++g) {
+    __m256i lo, hi;
+    window_sums(row + 32 * g, h_half, &lo, &hi);
+    const __m256i mh = _mm256_packus_epi16(_mm256_mulhi_epu16(lo, h_mul), _mm256_mulhi_epu16(hi, h_mul));
+    const __m256i mv = vertical_means<kTwoStep>(f.sums + 32 * g, v_mul, v_post);
+    store32(out + 32 * g, texture_bytes(mh, mv, load32(row + 32 * g)));
+  }
+
+  // The remaining groups, from the right copy: row[right_base ..] (at
+  // least 46 bytes), in 32-byte pieces, the last one ending at the row's end.
+  const int32_t len = f.w - f.right_base;
+  for (int32_t i = 0; i + 32 < len; i += 32) store32(f.right + i, load32(row + f.right_base + i));
+  store32(f.right + len - 32, load32(row + f.w - 32));
+  for (int32_t g = f.inner_end; g < f.all_groups; ++g) {
+    edge_group<kTwoStep>(f, f.right + 32 * g - f.right_base, g, f.edges[1 + g - f.inner_end], out, v_mul,
+                         v_post);
+  }
+}
+
+// Radius kR, w >= 64, h >= 2.
+void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
+  const uint8_t* needed = rows->needed;
+  while (first < end && needed != nullptr && needed[first] == 0) ++first;
+  if (first >= end) return;
+
+  FastRows f{};
+  f.src = rows->src;
+  f.stride = rows->stride;
+  f.w = rows->width;
+  f.h = rows->height;
+  f.groups = f.w / 32;
+  f.all_groups = (f.w + 31) / 32;
+  // Group g reads row bytes 32 g - 10 .. 32 g + 45.
+  f.inner_end = (f.w - 46) / 32 + 1;
+  f.right_base = 32 * f.inner_end - 32;
+
+  constexpr size_t kLeftBytes = 128;
+  constexpr size_t kRightBytes = 192;
+  const size_t sum_bytes = static_cast<size_t>(f.all_groups) * 32 * sizeof(uint16_t);
+  const size_t bytes = sum_bytes + kLeftBytes + kRightBytes + 3 * sizeof(EdgeDivisors);
+  uint8_t* scratch = static_cast<uint8_t*>(std::calloc(bytes, 1));
+  if (scratch == nullptr) {
+    texture_rows_any(rows);
+    return;
+  }
+  f.sums = reinterpret_cast<uint16_t*>(scratch);
+  f.left = scratch + sum_bytes;
+  f.right = f.left + kLeftBytes;
+  f.edges = reinterpret_cast<EdgeDivisors*>(f.right + kRightBytes);
+  edge_divisors(0, f.w, &f.edges[0]);
+  for (int32_t g = f.inner_end; g < f.all_groups; ++g) edge_divisors(g, f.w, &f.edges[1 + g - f.inner_end]);
+
+  // The sums hold row `at`'s vertical windows.
+  int32_t at = first;
+  {
+    const int32_t y0 = at - kR > 0 ? at - kR : 0;
+    sum_columns(f, f.src + y0 * f.stride, rows_in_window(at, f.h),
+                static_cast<uint16_t>(rows_in_window(at, f.h) / 2));
+  }
+  for (int32_t y = first; y < end; ++y) {
+    if (needed != nullptr && needed[y] == 0) continue;
+    while (at < y) {
+      if (at >= kR && at + kR + 1 < f.h) {
+        // Steps at .. at + k - 1 keep the full window.
+        const int32_t k = (y < f.h - kR - 1 ? y : f.h - kR - 1) - at;
+        const uint8_t* add = f.src + (at + kR + 1) * f.stride;
+        const uint8_t* drop = f.src + (at - kR) * f.stride;
+        if (k == 1) {
+          move_columns_inside<true>(f, add, drop, 1);
+        } else {
+          move_columns_inside<false>(f, add, drop, k);
+        }
+        at += k;
+      } else {
+        const uint8_t* add = at + kR + 1 < f.h ? f.src + (at + kR + 1) * f.stride : nullptr;
+        const uint8_t* drop = at - kR >= 0 ? f.src + (at - kR) * f.stride : nullptr;
+        const uint32_t bias = static_cast<uint32_t>(rows_in_window(at + 1, f.h) / 2) -
+                              static_cast<uint32_t>(rows_in_window(at, f.h) / 2);
+        move_columns_edge(f, add, drop, static_cast<uint16_t>(bias));
+        ++at;
+      }
+    }
+    const LaneDivisor vd = lane_divisor(static_cast<uint32_t>(rows_in_window(y, f.h)));
+    const __m256i v_mul = _mm256_set1_epi16(static_cast<int16_t>(vd.mul));
+    const __m256i v_post = _mm256_set1_epi16(static_cast<int16_t>(vd.post));
+    const uint8_t* row = f.src + y * f.stride;
+    uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * f.w;
+    if (vd.post == 0) {
+      fast_row<false>(f, row, out, v_mul, v_post);
+    } else {
+      fast_row<true>(f, row, out, v_mul, v_post);
+    }
+  }
+  std::free(scratch);
+}
+
+}  // namespace
+
+void texture_rows_avx2(const TextureRows* rows) {
+  if (rows == nullptr) return;
+  const int32_t first = rows->first_row < 0 ? 0 : rows->first_row;
+  const int32_t end = rows->end_row > rows->height ? rows->height : rows->end_row;
+  if (rows->radius == kR && rows->width >= 64 && rows->height >= 2 && rows->stride >= rows->width) {
+    if (first < end) texture_rows_fast(rows, first, end);
+    return;
+  }
+  texture_rows_any(rows);
+}
 }  // namespace lumamark
