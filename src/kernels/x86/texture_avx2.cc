@@ -398,17 +398,17 @@ struct EdgeDivisors {
   uint16_t post[32];
 };
 
-void edge_divisors(int32_t g, int32_t w, EdgeDivisors* d) {
+// by_size[n] holds the divisor of every window size n in kR + 1 .. 2 kR + 1.
+void edge_divisors(int32_t g, int32_t w, const LaneDivisor* by_size, EdgeDivisors* d) {
   for (int32_t o = 0; o < 32; ++o) {
     const int32_t c = 32 * g + o;
     // Columns past the row's end are never stored; any divisor will do.
     const uint32_t n = c < w ? static_cast<uint32_t>((c < kR ? c : kR) + (w - 1 - c < kR ? w - 1 - c : kR) + 1)
                              : 2 * kR + 1;
-    const LaneDivisor ld = lane_divisor_two_step(n);
     const int32_t s = column_slot(c) - 32 * g;
     d->half[s] = static_cast<uint16_t>(n / 2);
-    d->mul[s] = ld.mul;
-    d->post[s] = ld.post;
+    d->mul[s] = by_size[n].mul;
+    d->post[s] = by_size[n].post;
   }
 }
 
@@ -462,35 +462,6 @@ void sum_columns(const FastRows& f, const uint8_t* top, int32_t n, uint16_t star
   }
 }
 
-// k steps down in the middle of the frame, where the window keeps its 21
-// rows: sums += add[j] - drop[j] for the rows add + j stride and
-// drop + j stride, j < k. The byte pairs (add, drop) are unpacked and
-// multiplied-added with (1, -1): one instruction per sixteen differences.
-template <bool kOne>
-void move_columns_inside(const FastRows& f, const uint8_t* add, const uint8_t* drop, int32_t k) {
-  const __m256i weights = _mm256_set1_epi16(static_cast<int16_t>(0xFF01));
-  for (int32_t g = 0; g < f.groups; ++g) {
-    uint16_t* s = f.sums + 32 * g;
-    __m256i lo = load32(s);
-    __m256i hi = load32(s + 16);
-    const uint8_t* a = add + 32 * g;
-    const uint8_t* d = drop + 32 * g;
-    for (int32_t j = 0; j < (kOne ? 1 : k); ++j, a += f.stride, d += f.stride) {
-      const __m256i va = load32(a);
-      const __m256i vd = load32(d);
-      lo = _mm256_add_epi16(lo, _mm256_maddubs_epi16(_mm256_unpacklo_epi8(va, vd), weights));
-      hi = _mm256_add_epi16(hi, _mm256_maddubs_epi16(_mm256_unpackhi_epi8(va, vd), weights));
-    }
-    store32(s, lo);
-    store32(s + 16, hi);
-  }
-  for (int32_t c = 32 * f.groups; c < f.w; ++c) {
-    uint32_t s = f.sums[column_slot(c)];
-    for (int32_t j = 0; j < k; ++j) s += static_cast<uint32_t>(add[j * f.stride + c]) - drop[j * f.stride + c];
-    f.sums[column_slot(c)] = static_cast<uint16_t>(s);
-  }
-}
-
 // One step down where the window is cut by the frame's top or bottom: add
 // and drop may be null, and bias moves the rounding half to the new window
 // size (all modulo 2^16).
@@ -522,11 +493,51 @@ void move_columns_edge(const FastRows& f, const uint8_t* add, const uint8_t* dro
   }
 }
 
+// Steps down inside the frame, where the window keeps its 21 rows, made on
+// the way through a row: sums += add[j] - drop[j] for the rows
+// add + j stride and drop + j stride, j < k. The byte pairs (add, drop) are
+// unpacked and multiplied-added with (1, -1): one instruction per sixteen
+// differences. kSteps is k when fixed, 0 for none, -1 for k given at run time.
+struct Steps {
+  const uint8_t* add;
+  const uint8_t* drop;
+  int32_t k;
+};
+
+// Moves group g's sums by the steps and returns its vertical means as bytes.
+template <bool kTwoStep, int kSteps>
+inline __m256i group_vertical(const FastRows& f, int32_t g, const Steps& st, __m256i v_mul, __m256i v_post) {
+  uint16_t* s = f.sums + 32 * g;
+  __m256i lo = load32(s);
+  __m256i hi = load32(s + 16);
+  if (kSteps != 0) {
+    const __m256i weights = _mm256_set1_epi16(static_cast<int16_t>(0xFF01));
+    const uint8_t* a = st.add + 32 * g;
+    const uint8_t* d = st.drop + 32 * g;
+    const int32_t k = kSteps > 0 ? kSteps : st.k;
+    for (int32_t j = 0; j < k; ++j, a += f.stride, d += f.stride) {
+      const __m256i va = load32(a);
+      const __m256i vd = load32(d);
+      lo = _mm256_add_epi16(lo, _mm256_maddubs_epi16(_mm256_unpacklo_epi8(va, vd), weights));
+      hi = _mm256_add_epi16(hi, _mm256_maddubs_epi16(_mm256_unpackhi_epi8(va, vd), weights));
+    }
+    store32(s, lo);
+    store32(s + 16, hi);
+  }
+  lo = _mm256_mulhi_epu16(lo, v_mul);
+  hi = _mm256_mulhi_epu16(hi, v_mul);
+  if (kTwoStep) {
+    lo = _mm256_mulhi_epu16(lo, v_post);
+    hi = _mm256_mulhi_epu16(hi, v_post);
+  }
+  return _mm256_packus_epi16(lo, hi);
+}
+
 // One group whose bytes come from a padded copy q of the row, with its own
 // divisors per column; stores min(32, w - 32 g) bytes.
-template <bool kTwoStep>
-void edge_group(const FastRows& f, const uint8_t* q, int32_t g, const EdgeDivisors& d, uint8_t* out,
-                __m256i v_mul, __m256i v_post) {
+template <bool kTwoStep, int kSteps>
+inline void edge_group(const FastRows& f, const uint8_t* q, int32_t g, const EdgeDivisors& d, const Steps& st,
+                       uint8_t* out, __m256i v_mul, __m256i v_post) {
   __m256i lo, hi;
   window_sums(q, _mm256_setzero_si256(), &lo, &hi);
   lo = _mm256_mulhi_epu16(_mm256_add_epi16(lo, load32(d.half)), load32(d.mul));
@@ -534,7 +545,9 @@ void edge_group(const FastRows& f, const uint8_t* q, int32_t g, const EdgeDiviso
   lo = _mm256_mulhi_epu16(lo, load32(d.post));
   hi = _mm256_mulhi_epu16(hi, load32(d.post + 16));
   const __m256i mh = _mm256_packus_epi16(lo, hi);
-  const __m256i mv = vertical_means<kTwoStep>(f.sums + 32 * g, v_mul, v_post);
+  // A last group cut short has had its steps made column by column.
+  const __m256i mv = g < f.groups ? group_vertical<kTwoStep, kSteps>(f, g, st, v_mul, v_post)
+                                  : group_vertical<kTwoStep, 0>(f, g, st, v_mul, v_post);
   const __m256i v = texture_bytes(mh, mv, load32(q));
   if (32 * g + 32 <= f.w) {
     store32(out + 32 * g, v);
@@ -545,12 +558,23 @@ void edge_group(const FastRows& f, const uint8_t* q, int32_t g, const EdgeDiviso
   }
 }
 
-template <bool kTwoStep>
-void fast_row(const FastRows& f, const uint8_t* row, uint8_t* out, __m256i v_mul, __m256i v_post) {
+template <bool kTwoStep, int kSteps>
+void fast_row(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, __m256i v_mul,
+              __m256i v_post) {
+  // The columns of a last group cut short move one by one, before it is read.
+  if (kSteps != 0) {
+    const int32_t k = kSteps > 0 ? kSteps : st.k;
+    for (int32_t c = 32 * f.groups; c < f.w; ++c) {
+      uint32_t s = f.sums[column_slot(c)];
+      for (int32_t j = 0; j < k; ++j) s += static_cast<uint32_t>(st.add[j * f.stride + c]) - st.drop[j * f.stride + c];
+      f.sums[column_slot(c)] = static_cast<uint16_t>(s);
+    }
+  }
+
   // Group 0, from the left copy (the row has at least 64 bytes).
   store32(f.left + 32, load32(row));
   store32(f.left + 64, load32(row + 32));
-  edge_group<kTwoStep>(f, f.left + 32, 0, f.edges[0], out, v_mul, v_post);
+  edge_group<kTwoStep, kSteps>(f, f.left + 32, 0, f.edges[0], st, out, v_mul, v_post);
 
   const __m256i h_half = _mm256_set1_epi16(kR);
   const __m256i h_mul = _mm256_set1_epi16(static_cast<int16_t>(lane_divisor(2 * kR + 1).mul));
@@ -558,18 +582,33 @@ void fast_row(const FastRows& f, const uint8_t* row, uint8_t* out, __m256i v_mul
     __m256i lo, hi;
     window_sums(row + 32 * g, h_half, &lo, &hi);
     const __m256i mh = _mm256_packus_epi16(_mm256_mulhi_epu16(lo, h_mul), _mm256_mulhi_epu16(hi, h_mul));
-    const __m256i mv = vertical_means<kTwoStep>(f.sums + 32 * g, v_mul, v_post);
+    const __m256i mv = group_vertical<kTwoStep, kSteps>(f, g, st, v_mul, v_post);
     store32(out + 32 * g, texture_bytes(mh, mv, load32(row + 32 * g)));
   }
 
-  // The remaining groups, from the right copy: row[right_base ..] (at
-  // least 46 bytes), in 32-byte pieces, the last one ending at the row's end.
+  // The remaining groups, from the right copy: row[right_base ..] (46 to
+  // 77 bytes), in 32-byte pieces, the last one ending at the row's end.
   const int32_t len = f.w - f.right_base;
-  for (int32_t i = 0; i + 32 < len; i += 32) store32(f.right + i, load32(row + f.right_base + i));
+  store32(f.right, load32(row + f.right_base));
+  if (len > 64) store32(f.right + 32, load32(row + f.right_base + 32));
   store32(f.right + len - 32, load32(row + f.w - 32));
   for (int32_t g = f.inner_end; g < f.all_groups; ++g) {
-    edge_group<kTwoStep>(f, f.right + 32 * g - f.right_base, g, f.edges[1 + g - f.inner_end], out, v_mul,
-                         v_post);
+    edge_group<kTwoStep, kSteps>(f, f.right + 32 * g - f.right_base, g, f.edges[1 + g - f.inner_end], st, out,
+                                 v_mul, v_post);
+  }
+}
+
+template <bool kTwoStep>
+void fast_row_steps(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, __m256i v_mul,
+                    __m256i v_post) {
+  if (st.k == 0) {
+    fast_row<kTwoStep, 0>(f, row, out, st, v_mul, v_post);
+  } else if (st.k == 1) {
+    fast_row<kTwoStep, 1>(f, row, out, st, v_mul, v_post);
+  } else if (st.k == 3) {  // over the two rows between superpixels
+    fast_row<kTwoStep, 3>(f, row, out, st, v_mul, v_post);
+  } else {
+    fast_row<kTwoStep, -1>(f, row, out, st, v_mul, v_post);
   }
 }
 
@@ -594,7 +633,7 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
   constexpr size_t kRightBytes = 192;
   const size_t sum_bytes = static_cast<size_t>(f.all_groups) * 32 * sizeof(uint16_t);
   const size_t bytes = sum_bytes + kLeftBytes + kRightBytes + 3 * sizeof(EdgeDivisors);
-  uint8_t* scratch = static_cast<uint8_t*>(std::calloc(bytes, 1));
+  uint8_t* scratch = static_cast<uint8_t*>(std::malloc(bytes));
   if (scratch == nullptr) {
     texture_rows_any(rows);
     return;
@@ -603,8 +642,15 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
   f.left = scratch + sum_bytes;
   f.right = f.left + kLeftBytes;
   f.edges = reinterpret_cast<EdgeDivisors*>(f.right + kRightBytes);
-  edge_divisors(0, f.w, &f.edges[0]);
-  for (int32_t g = f.inner_end; g < f.all_groups; ++g) edge_divisors(g, f.w, &f.edges[1 + g - f.inner_end]);
+  // The bytes around the row's copies stay zero; the copies are rewritten for
+  // every row.
+  for (size_t i = 0; i < kLeftBytes + kRightBytes; i += 32) store32(f.left + i, _mm256_setzero_si256());
+  LaneDivisor by_size[2 * kR + 2];
+  for (uint32_t n = kR + 1; n <= 2 * kR + 1; ++n) by_size[n] = lane_divisor_two_step(n);
+  edge_divisors(0, f.w, by_size, &f.edges[0]);
+  for (int32_t g = f.inner_end; g < f.all_groups; ++g) {
+    edge_divisors(g, f.w, by_size, &f.edges[1 + g - f.inner_end]);
+  }
 
   // The sums hold row `at`'s vertical windows.
   int32_t at = first;
@@ -615,18 +661,13 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
   }
   for (int32_t y = first; y < end; ++y) {
     if (needed != nullptr && needed[y] == 0) continue;
+    // Steps near the frame's top or bottom go one at a time; the others
+    // (at most one run, ending at y) are made on the way through the row.
+    Steps st{nullptr, nullptr, 0};
     while (at < y) {
-      if (at >= kR && at + kR + 1 < f.h) {
-        // Steps at .. at + k - 1 keep the full window.
-        const int32_t k = (y < f.h - kR - 1 ? y : f.h - kR - 1) - at;
-        const uint8_t* add = f.src + (at + kR + 1) * f.stride;
-        const uint8_t* drop = f.src + (at - kR) * f.stride;
-        if (k == 1) {
-          move_columns_inside<true>(f, add, drop, 1);
-        } else {
-          move_columns_inside<false>(f, add, drop, k);
-        }
-        at += k;
+      if (at >= kR && at + kR + 1 < f.h && y < f.h - kR) {
+        st = Steps{f.src + (at + kR + 1) * f.stride, f.src + (at - kR) * f.stride, y - at};
+        at = y;
       } else {
         const uint8_t* add = at + kR + 1 < f.h ? f.src + (at + kR + 1) * f.stride : nullptr;
         const uint8_t* drop = at - kR >= 0 ? f.src + (at - kR) * f.stride : nullptr;
@@ -642,9 +683,9 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
     const uint8_t* row = f.src + y * f.stride;
     uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * f.w;
     if (vd.post == 0) {
-      fast_row<false>(f, row, out, v_mul, v_post);
+      fast_row_steps<false>(f, row, out, st, v_mul, v_post);
     } else {
-      fast_row<true>(f, row, out, v_mul, v_post);
+      fast_row_steps<true>(f, row, out, st, v_mul, v_post);
     }
   }
   std::free(scratch);
