@@ -352,10 +352,16 @@ inline void window_sums(const uint8_t* q, __m256i extra, __m256i* lo, __m256i* h
   const __m256i z = _mm256_setzero_si256();
   const __m256i pick = _mm256_setr_epi8(4, -1, 5, -1, 6, -1, 7, -1, 8, -1, 9, -1, 10, -1, 11, -1,  //
                                         4, -1, 5, -1, 6, -1, 7, -1, 8, -1, 9, -1, 10, -1, 11, -1);
-  const __m256i a = load32(q - 10);
-  const __m256i b = load32(q - 2);
-  const __m256i c = load32(q + 6);
-  const __m256i d = load32(q + 14);
+  __m256i a = load32(q - 10);
+  __m256i b = load32(q - 2);
+  __m256i c = load32(q + 6);
+  __m256i d = load32(q + 14);
+  // Each load feeds two or three instructions; keep the compiler from loading
+  // the same bytes again for each of them (which it does to spare registers).
+  asm("" : "+x"(a));
+  asm("" : "+x"(b));
+  asm("" : "+x"(c));
+  asm("" : "+x"(d));
   // q[i - 2 .. i + 9]: shared by both halves.
   const __m256i mid = _mm256_add_epi16(
       _mm256_add_epi16(_mm256_mpsadbw_epu8(b, z, 0x00), _mm256_mpsadbw_epu8(b, z, 0x24)),
@@ -376,18 +382,6 @@ inline __m256i texture_bytes(__m256i mh, __m256i mv, __m256i p) {
   const __m256i small = _mm256_min_epu8(_mm256_min_epu8(dh, dv), _mm256_set1_epi8(7));
   const __m256i v = _mm256_adds_epu8(_mm256_max_epu8(dh, dv), _mm256_slli_epi16(small, 3));
   return _mm256_min_epu8(v, _mm256_set1_epi8(50));
-}
-
-// Vertical means of one group: the sums already hold the rounding half.
-template <bool kTwoStep>
-inline __m256i vertical_means(const uint16_t* sums, __m256i mul, __m256i post) {
-  __m256i lo = _mm256_mulhi_epu16(load32(sums), mul);
-  __m256i hi = _mm256_mulhi_epu16(load32(sums + 16), mul);
-  if (kTwoStep) {
-    lo = _mm256_mulhi_epu16(lo, post);
-    hi = _mm256_mulhi_epu16(hi, post);
-  }
-  return _mm256_packus_epi16(lo, hi);
 }
 
 // Per-slot divisors of a group some of whose horizontal windows are cut by
@@ -423,8 +417,8 @@ struct FastRows {
   int32_t inner_end;   // groups [1, inner_end) read every byte they need from the row
   int32_t right_base;  // first row byte copied to the right buffer
   uint16_t* sums;      // vertical window sums (plus half the window) in slot order
-  uint8_t* left;       // 32 zeros, then the row's first 64 bytes
-  uint8_t* right;      // the row from right_base on, then zeros
+  uint8_t* left[2];    // per row of a pair: 32 zeros, then the row's first 64 bytes
+  uint8_t* right[2];   // per row of a pair: the row from right_base on, then zeros
   EdgeDivisors* edges; // group 0, then groups inner_end .. all_groups - 1
 };
 
@@ -504,111 +498,165 @@ struct Steps {
   int32_t k;
 };
 
-// Moves group g's sums by the steps and returns its vertical means as bytes.
-template <bool kTwoStep, int kSteps>
-inline __m256i group_vertical(const FastRows& f, int32_t g, const Steps& st, __m256i v_mul, __m256i v_post) {
-  uint16_t* s = f.sums + 32 * g;
-  __m256i lo = load32(s);
-  __m256i hi = load32(s + 16);
-  if (kSteps != 0) {
-    const __m256i weights = _mm256_set1_epi16(static_cast<int16_t>(0xFF01));
-    const uint8_t* a = st.add + 32 * g;
-    const uint8_t* d = st.drop + 32 * g;
-    const int32_t k = kSteps > 0 ? kSteps : st.k;
-    for (int32_t j = 0; j < k; ++j, a += f.stride, d += f.stride) {
-      const __m256i va = load32(a);
-      const __m256i vd = load32(d);
-      lo = _mm256_add_epi16(lo, _mm256_maddubs_epi16(_mm256_unpacklo_epi8(va, vd), weights));
-      hi = _mm256_add_epi16(hi, _mm256_maddubs_epi16(_mm256_unpackhi_epi8(va, vd), weights));
-    }
-    store32(s, lo);
-    store32(s + 16, hi);
+template <int kSteps>
+inline void move_group(Steps st, ptrdiff_t stride, int32_t x, __m256i* lo, __m256i* hi) {
+  if (kSteps == 0) return;
+  const __m256i weights = _mm256_set1_epi16(static_cast<int16_t>(0xFF01));
+  const uint8_t* a = st.add + x;
+  const uint8_t* d = st.drop + x;
+  const int32_t k = kSteps > 0 ? kSteps : st.k;
+  for (int32_t j = 0; j < k; ++j, a += stride, d += stride) {
+    const __m256i va = load32(a);
+    const __m256i vd = load32(d);
+    *lo = _mm256_add_epi16(*lo, _mm256_maddubs_epi16(_mm256_unpacklo_epi8(va, vd), weights));
+    *hi = _mm256_add_epi16(*hi, _mm256_maddubs_epi16(_mm256_unpackhi_epi8(va, vd), weights));
   }
-  lo = _mm256_mulhi_epu16(lo, v_mul);
-  hi = _mm256_mulhi_epu16(hi, v_mul);
+}
+
+// The columns of a last group cut short, one by one.
+void move_tail(const FastRows& f, const Steps& st) {
+  for (int32_t c = 32 * f.groups; c < f.w; ++c) {
+    uint32_t s = f.sums[column_slot(c)];
+    for (int32_t j = 0; j < st.k; ++j) s += static_cast<uint32_t>(st.add[j * f.stride + c]) - st.drop[j * f.stride + c];
+    f.sums[column_slot(c)] = static_cast<uint16_t>(s);
+  }
+}
+
+// Vertical means of one group's sums (which already hold the rounding half).
+template <bool kTwoStep>
+inline __m256i vertical_means(__m256i lo, __m256i hi, __m256i mul, __m256i post) {
+  lo = _mm256_mulhi_epu16(lo, mul);
+  hi = _mm256_mulhi_epu16(hi, mul);
   if (kTwoStep) {
-    lo = _mm256_mulhi_epu16(lo, v_post);
-    hi = _mm256_mulhi_epu16(hi, v_post);
+    lo = _mm256_mulhi_epu16(lo, post);
+    hi = _mm256_mulhi_epu16(hi, post);
   }
   return _mm256_packus_epi16(lo, hi);
 }
 
-// One group whose bytes come from a padded copy q of the row, with its own
-// divisors per column; stores min(32, w - 32 g) bytes.
-template <bool kTwoStep, int kSteps>
-inline void edge_group(const FastRows& f, const uint8_t* q, int32_t g, const EdgeDivisors& d, const Steps& st,
-                       uint8_t* out, __m256i v_mul, __m256i v_post) {
+// Horizontal means of the 32 columns from q on; with kEdge, q points into a
+// padded copy of the row and every column has its own divisor.
+constexpr uint16_t kFullWindowMul = (65536 + 2 * kR) / (2 * kR + 1);  // exact alone, see lane_divisor
+
+template <bool kEdge>
+inline __m256i horizontal_means(const uint8_t* q, const EdgeDivisors* d) {
   __m256i lo, hi;
-  window_sums(q, _mm256_setzero_si256(), &lo, &hi);
-  lo = _mm256_mulhi_epu16(_mm256_add_epi16(lo, load32(d.half)), load32(d.mul));
-  hi = _mm256_mulhi_epu16(_mm256_add_epi16(hi, load32(d.half + 16)), load32(d.mul + 16));
-  lo = _mm256_mulhi_epu16(lo, load32(d.post));
-  hi = _mm256_mulhi_epu16(hi, load32(d.post + 16));
-  const __m256i mh = _mm256_packus_epi16(lo, hi);
-  // A last group cut short has had its steps made column by column.
-  const __m256i mv = g < f.groups ? group_vertical<kTwoStep, kSteps>(f, g, st, v_mul, v_post)
-                                  : group_vertical<kTwoStep, 0>(f, g, st, v_mul, v_post);
-  const __m256i v = texture_bytes(mh, mv, load32(q));
-  if (32 * g + 32 <= f.w) {
-    store32(out + 32 * g, v);
+  if (kEdge) {
+    window_sums(q, _mm256_setzero_si256(), &lo, &hi);
+    lo = _mm256_mulhi_epu16(_mm256_add_epi16(lo, load32(d->half)), load32(d->mul));
+    hi = _mm256_mulhi_epu16(_mm256_add_epi16(hi, load32(d->half + 16)), load32(d->mul + 16));
+    lo = _mm256_mulhi_epu16(lo, load32(d->post));
+    hi = _mm256_mulhi_epu16(hi, load32(d->post + 16));
   } else {
-    alignas(32) uint8_t tail[32];
-    store32(tail, v);
-    for (int32_t c = 32 * g; c < f.w; ++c) out[c] = tail[c - 32 * g];
+    window_sums(q, _mm256_set1_epi16(kR), &lo, &hi);
+    lo = _mm256_mulhi_epu16(lo, _mm256_set1_epi16(static_cast<int16_t>(kFullWindowMul)));
+    hi = _mm256_mulhi_epu16(hi, _mm256_set1_epi16(static_cast<int16_t>(kFullWindowMul)));
+  }
+  return _mm256_packus_epi16(lo, hi);
+}
+
+// One whole group, columns x .. x + 31, of row y (bytes around q, map bytes
+// at out) and, with kPair, of row y + 1 (q2, out2), which is one step further
+// down. The sums move by st before row y and by st2 before row y + 1.
+// Everything comes by value: the map's byte stores could alias any field
+// read through a pointer, which would then be read again for every group.
+template <bool kTwoStep, int kSteps, bool kPair, bool kEdge>
+inline void whole_group(uint16_t* sums, ptrdiff_t stride, int32_t x, const uint8_t* q, const uint8_t* q2,
+                        const EdgeDivisors* d, Steps st, Steps st2, uint8_t* out, uint8_t* out2, __m256i v_mul,
+                        __m256i v_post) {
+  uint16_t* s = sums + x;
+  __m256i lo = load32(s);
+  __m256i hi = load32(s + 16);
+  move_group<kSteps>(st, stride, x, &lo, &hi);
+  {
+    const __m256i mh = horizontal_means<kEdge>(q, d);
+    const __m256i mv = vertical_means<kTwoStep>(lo, hi, v_mul, v_post);
+    store32(out + x, texture_bytes(mh, mv, load32(q)));
+  }
+  if (kPair) {
+    move_group<1>(st2, stride, x, &lo, &hi);
+    const __m256i mh = horizontal_means<kEdge>(q2, d);
+    const __m256i mv = vertical_means<kTwoStep>(lo, hi, v_mul, v_post);
+    store32(out2 + x, texture_bytes(mh, mv, load32(q2)));
+  }
+  if (kSteps != 0 || kPair) {
+    store32(s, lo);
+    store32(s + 16, hi);
   }
 }
 
-template <bool kTwoStep, int kSteps>
-void fast_row(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, __m256i v_mul,
-              __m256i v_post) {
-  // The columns of a last group cut short move one by one, before it is read.
-  if (kSteps != 0) {
-    const int32_t k = kSteps > 0 ? kSteps : st.k;
-    for (int32_t c = 32 * f.groups; c < f.w; ++c) {
-      uint32_t s = f.sums[column_slot(c)];
-      for (int32_t j = 0; j < k; ++j) s += static_cast<uint32_t>(st.add[j * f.stride + c]) - st.drop[j * f.stride + c];
-      f.sums[column_slot(c)] = static_cast<uint16_t>(s);
+// A last group cut short (its sums already moved), from the right copy q.
+template <bool kTwoStep>
+void tail_group(const FastRows& f, const uint8_t* q, uint8_t* out, __m256i v_mul, __m256i v_post) {
+  const int32_t g = f.groups;
+  const __m256i mh = horizontal_means<true>(q, &f.edges[1 + g - f.inner_end]);
+  const __m256i mv = vertical_means<kTwoStep>(load32(f.sums + 32 * g), load32(f.sums + 32 * g + 16), v_mul, v_post);
+  alignas(32) uint8_t v[32];
+  store32(v, texture_bytes(mh, mv, load32(q)));
+  for (int32_t c = 32 * g; c < f.w; ++c) out[c] = v[c - 32 * g];
+}
+
+// The row's first 64 bytes after 32 zeros (the row has at least 64), and its
+// bytes from right_base on (46 to 77 of them) before zeros, in 32-byte
+// pieces, the last one ending at the row's end.
+inline void copy_ends(const FastRows& f, const uint8_t* row, uint8_t* left, uint8_t* right) {
+  store32(left + 32, load32(row));
+  store32(left + 64, load32(row + 32));
+  const int32_t len = f.w - f.right_base;
+  store32(right, load32(row + f.right_base));
+  if (len > 64) store32(right + 32, load32(row + f.right_base + 32));
+  store32(right + len - 32, load32(row + f.w - 32));
+}
+
+// Row y (row, out), after the steps st; with kPair also row y + 1, one more
+// step (st2) down.
+template <bool kTwoStep, int kSteps, bool kPair>
+void fast_rows(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, const Steps& st2,
+               __m256i v_mul, __m256i v_post) {
+  const uint8_t* row2 = row + f.stride;
+  uint8_t* out2 = out + f.w;
+  copy_ends(f, row, f.left[0], f.right[0]);
+  if (kPair) copy_ends(f, row2, f.left[1], f.right[1]);
+
+  uint16_t* const sums = f.sums;
+  const ptrdiff_t stride = f.stride;
+  const int32_t inner_end = f.inner_end;
+  const int32_t groups = f.groups;
+  const Steps s1 = st;
+  const Steps s2 = st2;
+  whole_group<kTwoStep, kSteps, kPair, true>(sums, stride, 0, f.left[0] + 32, f.left[1] + 32, &f.edges[0], s1, s2,
+                                             out, out2, v_mul, v_post);
+  for (int32_t g = 1; g < inner_end; ++g) {
+    whole_group<kTwoStep, kSteps, kPair, false>(sums, stride, 32 * g, row + 32 * g, row2 + 32 * g, nullptr, s1, s2,
+                                                out, out2, v_mul, v_post);
+  }
+  for (int32_t g = inner_end; g < groups; ++g) {
+    whole_group<kTwoStep, kSteps, kPair, true>(sums, stride, 32 * g, f.right[0] + 32 * g - f.right_base,
+                                               f.right[1] + 32 * g - f.right_base, &f.edges[1 + g - inner_end], s1,
+                                               s2, out, out2, v_mul, v_post);
+  }
+  if (f.groups < f.all_groups) {
+    const int32_t at = 32 * f.groups - f.right_base;
+    if (kSteps != 0) move_tail(f, st);
+    tail_group<kTwoStep>(f, f.right[0] + at, out, v_mul, v_post);
+    if (kPair) {
+      move_tail(f, st2);
+      tail_group<kTwoStep>(f, f.right[1] + at, out2, v_mul, v_post);
     }
   }
-
-  // Group 0, from the left copy (the row has at least 64 bytes).
-  store32(f.left + 32, load32(row));
-  store32(f.left + 64, load32(row + 32));
-  edge_group<kTwoStep, kSteps>(f, f.left + 32, 0, f.edges[0], st, out, v_mul, v_post);
-
-  const __m256i h_half = _mm256_set1_epi16(kR);
-  const __m256i h_mul = _mm256_set1_epi16(static_cast<int16_t>(lane_divisor(2 * kR + 1).mul));
-  for (int32_t g = 1; g < f.inner_end; ++g) {
-    __m256i lo, hi;
-    window_sums(row + 32 * g, h_half, &lo, &hi);
-    const __m256i mh = _mm256_packus_epi16(_mm256_mulhi_epu16(lo, h_mul), _mm256_mulhi_epu16(hi, h_mul));
-    const __m256i mv = group_vertical<kTwoStep, kSteps>(f, g, st, v_mul, v_post);
-    store32(out + 32 * g, texture_bytes(mh, mv, load32(row + 32 * g)));
-  }
-
-  // The remaining groups, from the right copy: row[right_base ..] (46 to
-  // 77 bytes), in 32-byte pieces, the last one ending at the row's end.
-  const int32_t len = f.w - f.right_base;
-  store32(f.right, load32(row + f.right_base));
-  if (len > 64) store32(f.right + 32, load32(row + f.right_base + 32));
-  store32(f.right + len - 32, load32(row + f.w - 32));
-  for (int32_t g = f.inner_end; g < f.all_groups; ++g) {
-    edge_group<kTwoStep, kSteps>(f, f.right + 32 * g - f.right_base, g, f.edges[1 + g - f.inner_end], st, out,
-                                 v_mul, v_post);
-  }
 }
 
-template <bool kTwoStep>
-void fast_row_steps(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, __m256i v_mul,
-                    __m256i v_post) {
+template <bool kTwoStep, bool kPair>
+void fast_rows_steps(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, const Steps& st2,
+                     __m256i v_mul, __m256i v_post) {
   if (st.k == 0) {
-    fast_row<kTwoStep, 0>(f, row, out, st, v_mul, v_post);
+    fast_rows<kTwoStep, 0, kPair>(f, row, out, st, st2, v_mul, v_post);
   } else if (st.k == 1) {
-    fast_row<kTwoStep, 1>(f, row, out, st, v_mul, v_post);
+    fast_rows<kTwoStep, 1, kPair>(f, row, out, st, st2, v_mul, v_post);
   } else if (st.k == 3) {  // over the two rows between superpixels
-    fast_row<kTwoStep, 3>(f, row, out, st, v_mul, v_post);
+    fast_rows<kTwoStep, 3, kPair>(f, row, out, st, st2, v_mul, v_post);
   } else {
-    fast_row<kTwoStep, -1>(f, row, out, st, v_mul, v_post);
+    fast_rows<kTwoStep, -1, kPair>(f, row, out, st, st2, v_mul, v_post);
   }
 }
 
@@ -631,20 +679,23 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
 
   constexpr size_t kLeftBytes = 128;
   constexpr size_t kRightBytes = 192;
+  constexpr size_t kCopyBytes = 2 * (kLeftBytes + kRightBytes);
   const size_t sum_bytes = static_cast<size_t>(f.all_groups) * 32 * sizeof(uint16_t);
-  const size_t bytes = sum_bytes + kLeftBytes + kRightBytes + 3 * sizeof(EdgeDivisors);
+  const size_t bytes = sum_bytes + kCopyBytes + 3 * sizeof(EdgeDivisors);
   uint8_t* scratch = static_cast<uint8_t*>(std::malloc(bytes));
   if (scratch == nullptr) {
     texture_rows_any(rows);
     return;
   }
   f.sums = reinterpret_cast<uint16_t*>(scratch);
-  f.left = scratch + sum_bytes;
-  f.right = f.left + kLeftBytes;
-  f.edges = reinterpret_cast<EdgeDivisors*>(f.right + kRightBytes);
+  f.left[0] = scratch + sum_bytes;
+  f.left[1] = f.left[0] + kLeftBytes;
+  f.right[0] = f.left[1] + kLeftBytes;
+  f.right[1] = f.right[0] + kRightBytes;
+  f.edges = reinterpret_cast<EdgeDivisors*>(f.right[1] + kRightBytes);
   // The bytes around the row's copies stay zero; the copies are rewritten for
   // every row.
-  for (size_t i = 0; i < kLeftBytes + kRightBytes; i += 32) store32(f.left + i, _mm256_setzero_si256());
+  for (size_t i = 0; i < kCopyBytes; i += 32) store32(f.left[0] + i, _mm256_setzero_si256());
   LaneDivisor by_size[2 * kR + 2];
   for (uint32_t n = kR + 1; n <= 2 * kR + 1; ++n) by_size[n] = lane_divisor_two_step(n);
   edge_divisors(0, f.w, by_size, &f.edges[0]);
@@ -665,7 +716,7 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
     // (at most one run, ending at y) are made on the way through the row.
     Steps st{nullptr, nullptr, 0};
     while (at < y) {
-      if (at >= kR && at + kR + 1 < f.h && y < f.h - kR) {
+      if (at >= kR && y < f.h - kR) {
         st = Steps{f.src + (at + kR + 1) * f.stride, f.src + (at - kR) * f.stride, y - at};
         at = y;
       } else {
@@ -682,10 +733,20 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
     const __m256i v_post = _mm256_set1_epi16(static_cast<int16_t>(vd.post));
     const uint8_t* row = f.src + y * f.stride;
     uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * f.w;
-    if (vd.post == 0) {
-      fast_row_steps<false>(f, row, out, st, v_mul, v_post);
+    // The next row too, when it is wanted and one step inside the frame away
+    // (the window keeps its size, so the divisor too).
+    if (y + 1 < end && (needed == nullptr || needed[y + 1] != 0) && y >= kR && y + 1 < f.h - kR) {
+      const Steps st2{f.src + (y + kR + 1) * f.stride, f.src + (y - kR) * f.stride, 1};
+      if (vd.post == 0) {
+        fast_rows_steps<false, true>(f, row, out, st, st2, v_mul, v_post);
+      } else {
+        fast_rows_steps<true, true>(f, row, out, st, st2, v_mul, v_post);
+      }
+      at = ++y;
+    } else if (vd.post == 0) {
+      fast_rows_steps<false, false>(f, row, out, st, st, v_mul, v_post);
     } else {
-      fast_row_steps<true>(f, row, out, st, v_mul, v_post);
+      fast_rows_steps<true, false>(f, row, out, st, st, v_mul, v_post);
     }
   }
   std::free(scratch);
