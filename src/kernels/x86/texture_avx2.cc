@@ -505,6 +505,7 @@ inline void move_group(Steps st, ptrdiff_t stride, int32_t x, __m256i* lo, __m25
   const uint8_t* a = st.add + x;
   const uint8_t* d = st.drop + x;
   const int32_t k = kSteps > 0 ? kSteps : st.k;
+#pragma GCC unroll 4
   for (int32_t j = 0; j < k; ++j, a += stride, d += stride) {
     const __m256i va = load32(a);
     const __m256i vd = load32(d);
@@ -556,11 +557,12 @@ inline __m256i horizontal_means(const uint8_t* q, const EdgeDivisors* d) {
 }
 
 // One whole group, columns x .. x + 31, of row y (bytes around q, map bytes
-// at out) and, with kPair, of row y + 1 (q2, out2), which is one step further
-// down. The sums move by st before row y and by st2 before row y + 1.
+// at out) and, unless kSteps2 is 0, of a second row y2 further down (q2,
+// out2). The sums move by st before row y and by st2 (kSteps2 as kSteps)
+// before row y2.
 // Everything comes by value: the map's byte stores could alias any field
 // read through a pointer, which would then be read again for every group.
-template <bool kTwoStep, int kSteps, bool kPair, bool kEdge>
+template <bool kTwoStep, int kSteps, int kSteps2, bool kEdge>
 inline void whole_group(uint16_t* sums, ptrdiff_t stride, int32_t x, const uint8_t* q, const uint8_t* q2,
                         const EdgeDivisors* d, Steps st, Steps st2, uint8_t* out, uint8_t* out2, __m256i v_mul,
                         __m256i v_post) {
@@ -573,13 +575,13 @@ inline void whole_group(uint16_t* sums, ptrdiff_t stride, int32_t x, const uint8
     const __m256i mv = vertical_means<kTwoStep>(lo, hi, v_mul, v_post);
     store32(out + x, texture_bytes(mh, mv, load32(q)));
   }
-  if (kPair) {
-    move_group<1>(st2, stride, x, &lo, &hi);
+  if (kSteps2 != 0) {
+    move_group<kSteps2>(st2, stride, x, &lo, &hi);
     const __m256i mh = horizontal_means<kEdge>(q2, d);
     const __m256i mv = vertical_means<kTwoStep>(lo, hi, v_mul, v_post);
     store32(out2 + x, texture_bytes(mh, mv, load32(q2)));
   }
-  if (kSteps != 0 || kPair) {
+  if (kSteps != 0 || kSteps2 != 0) {
     store32(s, lo);
     store32(s + 16, hi);
   }
@@ -608,13 +610,12 @@ inline void copy_ends(const FastRows& f, const uint8_t* row, uint8_t* left, uint
   store32(right + len - 32, load32(row + f.w - 32));
 }
 
-// Row y (row, out), after the steps st; with kPair also row y + 1, one more
-// step (st2) down.
-template <bool kTwoStep, int kSteps, bool kPair>
-void fast_rows(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, const Steps& st2,
-               __m256i v_mul, __m256i v_post) {
-  const uint8_t* row2 = row + f.stride;
-  uint8_t* out2 = out + f.w;
+// Row y (row, out), after the steps st; unless kSteps2 is 0 also row
+// y2 = y + st2.k (row2, out2), after the steps st2.
+template <bool kTwoStep, int kSteps, int kSteps2>
+void fast_rows(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, const uint8_t* row2,
+               uint8_t* out2, const Steps& st2, __m256i v_mul, __m256i v_post) {
+  constexpr bool kPair = kSteps2 != 0;
   copy_ends(f, row, f.left[0], f.right[0]);
   if (kPair) copy_ends(f, row2, f.left[1], f.right[1]);
 
@@ -624,14 +625,14 @@ void fast_rows(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps&
   const int32_t groups = f.groups;
   const Steps s1 = st;
   const Steps s2 = st2;
-  whole_group<kTwoStep, kSteps, kPair, true>(sums, stride, 0, f.left[0] + 32, f.left[1] + 32, &f.edges[0], s1, s2,
+  whole_group<kTwoStep, kSteps, kSteps2, true>(sums, stride, 0, f.left[0] + 32, f.left[1] + 32, &f.edges[0], s1, s2,
                                              out, out2, v_mul, v_post);
   for (int32_t g = 1; g < inner_end; ++g) {
-    whole_group<kTwoStep, kSteps, kPair, false>(sums, stride, 32 * g, row + 32 * g, row2 + 32 * g, nullptr, s1, s2,
+    whole_group<kTwoStep, kSteps, kSteps2, false>(sums, stride, 32 * g, row + 32 * g, row2 + 32 * g, nullptr, s1, s2,
                                                 out, out2, v_mul, v_post);
   }
   for (int32_t g = inner_end; g < groups; ++g) {
-    whole_group<kTwoStep, kSteps, kPair, true>(sums, stride, 32 * g, f.right[0] + 32 * g - f.right_base,
+    whole_group<kTwoStep, kSteps, kSteps2, true>(sums, stride, 32 * g, f.right[0] + 32 * g - f.right_base,
                                                f.right[1] + 32 * g - f.right_base, &f.edges[1 + g - inner_end], s1,
                                                s2, out, out2, v_mul, v_post);
   }
@@ -646,17 +647,17 @@ void fast_rows(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps&
   }
 }
 
-template <bool kTwoStep, bool kPair>
-void fast_rows_steps(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, const Steps& st2,
-                     __m256i v_mul, __m256i v_post) {
+template <bool kTwoStep, int kSteps2>
+void fast_rows_steps(const FastRows& f, const uint8_t* row, uint8_t* out, const Steps& st, const uint8_t* row2,
+                     uint8_t* out2, const Steps& st2, __m256i v_mul, __m256i v_post) {
   if (st.k == 0) {
-    fast_rows<kTwoStep, 0, kPair>(f, row, out, st, st2, v_mul, v_post);
+    fast_rows<kTwoStep, 0, kSteps2>(f, row, out, st, row2, out2, st2, v_mul, v_post);
   } else if (st.k == 1) {
-    fast_rows<kTwoStep, 1, kPair>(f, row, out, st, st2, v_mul, v_post);
+    fast_rows<kTwoStep, 1, kSteps2>(f, row, out, st, row2, out2, st2, v_mul, v_post);
   } else if (st.k == 3) {  // over the two rows between superpixels
-    fast_rows<kTwoStep, 3, kPair>(f, row, out, st, st2, v_mul, v_post);
+    fast_rows<kTwoStep, 3, kSteps2>(f, row, out, st, row2, out2, st2, v_mul, v_post);
   } else {
-    fast_rows<kTwoStep, -1, kPair>(f, row, out, st, st2, v_mul, v_post);
+    fast_rows<kTwoStep, -1, kSteps2>(f, row, out, st, row2, out2, st2, v_mul, v_post);
   }
 }
 
@@ -733,20 +734,26 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
     const __m256i v_post = _mm256_set1_epi16(static_cast<int16_t>(vd.post));
     const uint8_t* row = f.src + y * f.stride;
     uint8_t* out = rows->out + static_cast<ptrdiff_t>(y) * f.w;
-    // The next row too, when it is wanted and one step inside the frame away
-    // (the window keeps its size, so the divisor too).
-    if (y + 1 < end && (needed == nullptr || needed[y + 1] != 0) && y >= kR && y + 1 < f.h - kR) {
-      const Steps st2{f.src + (y + kR + 1) * f.stride, f.src + (y - kR) * f.stride, 1};
-      if (vd.post == 0) {
-        fast_rows_steps<false, true>(f, row, out, st, st2, v_mul, v_post);
+    // The next wanted row too, when every step to it is inside the frame
+    // (the window then keeps its size, and the divisor too).
+    int32_t y2 = y + 1;
+    while (y2 < end && needed != nullptr && needed[y2] == 0) ++y2;
+    if (y2 < end && y >= kR && y2 < f.h - kR) {
+      const Steps st2{f.src + (y + kR + 1) * f.stride, f.src + (y - kR) * f.stride, y2 - y};
+      const uint8_t* row2 = f.src + y2 * f.stride;
+      uint8_t* out2 = rows->out + static_cast<ptrdiff_t>(y2) * f.w;
+      if (st2.k == 1) {
+        fast_rows_steps<false, 1>(f, row, out, st, row2, out2, st2, v_mul, v_post);
+      } else if (st2.k == 3) {
+        fast_rows_steps<false, 3>(f, row, out, st, row2, out2, st2, v_mul, v_post);
       } else {
-        fast_rows_steps<true, true>(f, row, out, st, st2, v_mul, v_post);
+        fast_rows_steps<false, -1>(f, row, out, st, row2, out2, st2, v_mul, v_post);
       }
-      at = ++y;
+      at = y = y2;
     } else if (vd.post == 0) {
-      fast_rows_steps<false, false>(f, row, out, st, st, v_mul, v_post);
+      fast_rows_steps<false, 0>(f, row, out, st, row, out, st, v_mul, v_post);
     } else {
-      fast_rows_steps<true, false>(f, row, out, st, st, v_mul, v_post);
+      fast_rows_steps<true, 0>(f, row, out, st, row, out, st, v_mul, v_post);
     }
   }
   std::free(scratch);
