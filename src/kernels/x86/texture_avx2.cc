@@ -22,6 +22,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <initializer_list>
 
 #include "kernels/divide.h"
 #include "kernels/texture.h"
@@ -392,17 +393,27 @@ struct EdgeDivisors {
   uint16_t post[32];
 };
 
-// by_size[n] holds the divisor of every window size n in kR + 1 .. 2 kR + 1.
-void edge_divisors(int32_t g, int32_t w, const LaneDivisor* by_size, EdgeDivisors* d) {
-  for (int32_t o = 0; o < 32; ++o) {
-    const int32_t c = 32 * g + o;
-    // Columns past the row's end are never stored; any divisor will do.
-    const uint32_t n = c < w ? static_cast<uint32_t>((c < kR ? c : kR) + (w - 1 - c < kR ? w - 1 - c : kR) + 1)
-                             : 2 * kR + 1;
-    const int32_t s = column_slot(c) - 32 * g;
-    d->half[s] = static_cast<uint16_t>(n / 2);
-    d->mul[s] = by_size[n].mul;
-    d->post[s] = by_size[n].post;
+// The divisors of group g's columns: the full window's, but for the kR
+// columns at either end of the row, whose windows hold kR + 1 + c columns
+// (c the distance to the end). Columns past the row's end are never
+// stored; any divisor will do there.
+void edge_divisors(int32_t g, int32_t w, EdgeDivisors* d) {
+  const LaneDivisor full = lane_divisor_two_step(2 * kR + 1);
+  for (int32_t s = 0; s < 32; s += 16) {
+    store32(d->half + s, _mm256_set1_epi16(kR));
+    store32(d->mul + s, _mm256_set1_epi16(static_cast<int16_t>(full.mul)));
+    store32(d->post + s, _mm256_set1_epi16(static_cast<int16_t>(full.post)));
+  }
+  for (int32_t k = 0; k < kR; ++k) {
+    const uint32_t n = static_cast<uint32_t>(kR + 1 + k);
+    const LaneDivisor ld = lane_divisor_two_step(n);
+    for (const int32_t c : {k, w - 1 - k}) {
+      if (c < 32 * g || c >= 32 * g + 32) continue;
+      const int32_t s = column_slot(c) - 32 * g;
+      d->half[s] = static_cast<uint16_t>(n / 2);
+      d->mul[s] = ld.mul;
+      d->post[s] = ld.post;
+    }
   }
 }
 
@@ -435,6 +446,7 @@ void sum_columns(const FastRows& f, const uint8_t* top, int32_t n, uint16_t star
     __m256i hi = lo;
     const uint8_t* p = top + 32 * g;
     int32_t k = 0;
+#pragma GCC unroll 4
     for (; k + 2 <= n; k += 2, p += 2 * f.stride) {
       const __m256i a = load32(p);
       const __m256i b = load32(p + f.stride);
@@ -697,11 +709,9 @@ void texture_rows_fast(const TextureRows* rows, int32_t first, int32_t end) {
   // The bytes around the row's copies stay zero; the copies are rewritten for
   // every row.
   for (size_t i = 0; i < kCopyBytes; i += 32) store32(f.left[0] + i, _mm256_setzero_si256());
-  LaneDivisor by_size[2 * kR + 2];
-  for (uint32_t n = kR + 1; n <= 2 * kR + 1; ++n) by_size[n] = lane_divisor_two_step(n);
-  edge_divisors(0, f.w, by_size, &f.edges[0]);
+  edge_divisors(0, f.w, &f.edges[0]);
   for (int32_t g = f.inner_end; g < f.all_groups; ++g) {
-    edge_divisors(g, f.w, by_size, &f.edges[1 + g - f.inner_end]);
+    edge_divisors(g, f.w, &f.edges[1 + g - f.inner_end]);
   }
 
   // The sums hold row `at`'s vertical windows.
