@@ -327,7 +327,7 @@ struct LaneDivisor {
   uint16_t post;  // 0: mul alone is exact
 };
 
-inline LaneDivisor lane_divisor(uint32_t n) {
+constexpr LaneDivisor lane_divisor(uint32_t n) {
   const uint32_t mul = (65536 + n - 1) / n;
   const uint32_t e = mul * n - 65536;
   if (mul < 65536 && (255 * n + n / 2) * e < 65536) return LaneDivisor{static_cast<uint16_t>(mul), 0};
@@ -530,7 +530,9 @@ inline void move_group(Steps st, ptrdiff_t stride, int32_t x, __m256i* lo, __m25
 void move_tail(const FastRows& f, const Steps& st) {
   for (int32_t c = 32 * f.groups; c < f.w; ++c) {
     uint32_t s = f.sums[column_slot(c)];
-    for (int32_t j = 0; j < st.k; ++j) s += static_cast<uint32_t>(st.add[j * f.stride + c]) - st.drop[j * f.stride + c];
+    for (int32_t j = 0; j < st.k; ++j) {
+      s += static_cast<uint32_t>(st.add[j * f.stride + c]) - st.drop[j * f.stride + c];
+    }
     f.sums[column_slot(c)] = static_cast<uint16_t>(s);
   }
 }
@@ -549,7 +551,8 @@ inline __m256i vertical_means(__m256i lo, __m256i hi, __m256i mul, __m256i post)
 
 // Horizontal means of the 32 columns from q on; with kEdge, q points into a
 // padded copy of the row and every column has its own divisor.
-constexpr uint16_t kFullWindowMul = (65536 + 2 * kR) / (2 * kR + 1);  // exact alone, see lane_divisor
+constexpr uint16_t kFullWindowMul = lane_divisor(2 * kR + 1).mul;
+static_assert(lane_divisor(2 * kR + 1).post == 0, "the full window's mean takes one multiplication");
 
 template <bool kEdge>
 inline __m256i horizontal_means(const uint8_t* q, const EdgeDivisors* d) {
