@@ -2,6 +2,8 @@
 // byte for byte, on random geometries and pictures. Outputs and planes sit
 // between guard bytes, which must come out as they went in.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -382,6 +384,87 @@ TEST(KernelEquality, TextureRows) {
       }
       ASSERT_EQ(want, got) << "kernel " << k << " " << w << "x" << h << " stride " << stride
                            << " r " << r << " parts " << parts;
+    }
+  }
+}
+
+// A copy of a plane with an unreadable page right after its last byte or
+// right before its first one, so that a kernel reading outside the plane
+// stops the test instead of passing by luck.
+class FencedPlane {
+ public:
+  FencedPlane(const uint8_t* bytes, size_t n, bool fence_end) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t body = (n + page - 1) / page * page;
+    size_ = body + 2 * page;
+    void* m = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) return;
+    base_ = static_cast<uint8_t*>(m);
+    mprotect(base_, page, PROT_NONE);
+    mprotect(base_ + page + body, page, PROT_NONE);
+    data_ = fence_end ? base_ + page + body - n : base_ + page;
+    std::copy_n(bytes, n, data_);
+  }
+  ~FencedPlane() {
+    if (base_ != nullptr) munmap(base_, size_);
+  }
+  FencedPlane(const FencedPlane&) = delete;
+  FencedPlane& operator=(const FencedPlane&) = delete;
+  const uint8_t* data() const { return data_; }
+
+ private:
+  uint8_t* base_ = nullptr;
+  uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+// The embedder's radius, which the vector kernel runs on a path of its own
+// from 64 columns on: widths on both sides of its 32-column groups (a last
+// group cut short, one or two groups read from a padded copy of the row's
+// end), heights below and above the window, rows skipped in every pattern
+// (none needed, one, runs of the superpixel layout, random) and ranges cut
+// anywhere.
+TEST(KernelEquality, TextureRowsRadius10) {
+  const std::vector<int> widths{64, 65, 77, 78, 95, 96, 97, 109, 110, 111, 127, 128, 129, 141, 142, 1918, 1920};
+  std::mt19937 rng(1010);
+  for (int iter = 0; iter < 400; ++iter) {
+    const int w = iter < 2 * static_cast<int>(widths.size()) ? widths[iter / 2] : 64 + rng() % 250;
+    const int h = 2 + rng() % (iter % 5 ? 45 : 90), stride = w + (iter % 3 ? 0 : rng() % 40);
+    const size_t size = static_cast<size_t>(stride) * (h - 1) + w;
+    const Bytes plane = picture(size, rng);
+    const FencedPlane fenced(plane.data() + kGuard, size, iter % 2 == 0);
+    ASSERT_NE(fenced.data(), nullptr);
+    const uint8_t* src = fenced.data();
+    Bytes needed(h, 1);
+    const int pattern = iter % 5;
+    for (int y = 0; y < h; ++y) {
+      needed[y] = pattern == 1   ? rng() % 3 != 0
+                  : pattern == 2 ? y % 7 != 0 && y % 7 != 6
+                  : pattern == 3 ? y == static_cast<int>(rng() % h)
+                  : pattern == 4 ? 0
+                                 : 1;
+    }
+    Bytes want(static_cast<size_t>(w) * h + 2 * kGuard, 0xEE);
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) {
+        if (needed[y]) want[kGuard + y * w + x] = texture_at(src, w, h, stride, 10, x, y);
+      }
+    }
+    std::vector<int> cuts{0, h};
+    for (int k = rng() % 4; k > 0; --k) cuts.push_back(rng() % (h + 1));
+    std::sort(cuts.begin(), cuts.end());
+    for (const KernelTable* t : tables()) {
+      Bytes got(want.size(), 0xEE);
+      for (size_t part = 0; part + 1 < cuts.size(); ++part) {
+        TextureRows rows{src, got.data() + kGuard, nullptr, 0, w, h, stride, 10, cuts[part], cuts[part + 1]};
+        if (pattern != 0) rows.needed = needed.data();
+        t->texture_rows(&rows);
+      }
+      for (int y = 0; y < h; ++y) {
+        if (!needed[y]) std::fill_n(&got[kGuard + y * w], w, 0xEE);
+      }
+      ASSERT_EQ(want, got) << t->name << " " << w << "x" << h << " stride " << stride << " pattern "
+                           << pattern << " parts " << cuts.size() - 1;
     }
   }
 }
