@@ -57,18 +57,23 @@ static_assert(sizeof(PreparedHeader) == 64, "header keeps the entries aligned");
 
 // One row (and block of eight columns) of a prepared pattern under one sign.
 // The shuffle is loaded as sixteen bytes; what its upper eight (the rank)
-// pick is never stored.
+// pick is never stored. A pattern's rows for one sign lie one after another
+// (entry (row, block) at row x blocks + block), so that a superpixel reads
+// few cache lines.
 struct PreparedHalf {
   int16_t amp[8];      // amplitudes after the table, with the sign
   uint8_t shuffle[8];  // which random byte each pixel takes, from rank on (0x80: none)
   int32_t rank;        // random bytes taken by the rows and blocks before this one
   int32_t reserved;
 };
+static_assert(sizeof(PreparedHalf) == 32, "two entries per cache line");
 
-struct PreparedEntry {
-  PreparedHalf sign[2];  // for sign +1, then -1
-};
-static_assert(sizeof(PreparedEntry) == 64, "entries are one cache line");
+// The entries of pattern id under sign (0: +1, 1: -1) in set, for a
+// pattern of sp_h rows of blocks blocks, in a set of count patterns.
+inline ptrdiff_t prepared_at(ptrdiff_t set, ptrdiff_t count, ptrdiff_t id, ptrdiff_t sign, ptrdiff_t sp_h,
+                             ptrdiff_t blocks) {
+  return ((set * count + id) * 2 + sign) * sp_h * blocks;
+}
 
 // Eight bytes from kKeepBytes + 8 - n keep the low n bytes of eight.
 alignas(16) constexpr uint8_t kKeepBytes[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
@@ -490,7 +495,7 @@ struct BuildRows {
   const uint8_t* bands;              // per-superpixel prepared set (border bands), or null
   const uint8_t* bytes;              // random bytes, superpixel i at bytes + i * slot
   int32_t slot;
-  const PreparedEntry* prepared;     // entries of the prepared patterns, or null
+  const PreparedHalf* prepared;      // entries of the prepared patterns, or null
   int32_t prepared_count;            // patterns there
   int32_t chunks;                    // blocks of eight columns per row
   int32_t sp_h;                      // pattern height
@@ -526,13 +531,11 @@ void build_rows(const BuildRows& b) {
     if (!kNarrow && b.prepared != nullptr) {
       // Everything but the random bytes themselves is known per pattern.
       const int32_t set = b.bands != nullptr ? b.bands[i] : 0;
-      const PreparedEntry* entries =
-          b.prepared + (static_cast<ptrdiff_t>(set) * b.prepared_count + b.band->picks[i].pattern) * b.chunks * b.sp_h;
-      const int32_t which = value < 0 ? 1 : 0;
+      const PreparedHalf* entries =
+          b.prepared + prepared_at(set, b.prepared_count, b.band->picks[i].pattern, value < 0 ? 1 : 0, b.sp_h, b.chunks);
       for (int32_t u = 0; u < b.used_count; ++u) {
-        const PreparedEntry* e = entries + b.row[u] * b.chunks;
-        for (int32_t c = 0; c < sp_w; c += 8, ++e) {
-          const PreparedHalf* half = &e->sign[which];
+        const PreparedHalf* half = entries + b.row[u] * b.chunks;
+        for (int32_t c = 0; c < sp_w; c += 8, ++half) {
           _mm_storeu_si128(reinterpret_cast<__m128i*>(b.amp[u] + x0 + c), load_amp(half));
           if (kPerceptual) _mm_storel_epi64(reinterpret_cast<__m128i*>(b.rnd[u] + x0 + c), pick_random(bytes, half));
         }
@@ -576,7 +579,7 @@ void build_rows(const BuildRows& b) {
 }
 
 // Entries of no pattern: amplitude 0 in every row.
-alignas(64) constexpr uint8_t kNoEntries[kMaxSide * sizeof(PreparedEntry)] = {};
+alignas(64) constexpr uint8_t kNoEntries[kMaxSide * sizeof(PreparedHalf)] = {};
 
 // Where the parts of the scratch space lie (as sized by
 // embed_band_scratch_bytes): one amplitude row and one random-byte row per
@@ -622,9 +625,6 @@ int32_t list_rows(uint64_t mask, int32_t sp_h, int32_t* used) {
   return count;
 }
 
-// Rows of a prepared entry, in halves.
-constexpr ptrdiff_t kRowHalves = sizeof(PreparedEntry) / sizeof(PreparedHalf);
-
 // The work rows first_row .. first_row + kRows - 1 of every superpixel of a
 // run, superpixel by superpixel; halves[i] is superpixel i's prepared row 0.
 // Each superpixel's stores overwrite what the one before leaves past its
@@ -636,13 +636,13 @@ void build_contiguous(const PreparedHalf* const* halves, int32_t count, int32_t 
   int16_t* amp = s.amp_rows + first_row * cells;
   uint8_t* rnd = s.rnd_rows + first_row * cells;
   const uint8_t* bytes = s.rnd;
-  const ptrdiff_t row_at = first_row * kRowHalves;
+  const ptrdiff_t row_at = first_row;
   for (int32_t i = 0; i < count; ++i, amp += sp_w, rnd += sp_w, bytes += s.slot) {
     const PreparedHalf* half = halves[i] + row_at;
     for (int u = 0; u < kRows; ++u) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp + u * cells), load_amp(half + u * kRowHalves));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp + u * cells), load_amp(half + u));
       if (kPerceptual) {
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd + u * cells), pick_random(bytes, half + u * kRowHalves));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd + u * cells), pick_random(bytes, half + u));
       }
     }
   }
@@ -661,14 +661,14 @@ void embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Sc
   const int32_t sp_w = b->geometry->sp_w;
   const int32_t sp_h = b->geometry->sp_h;
   const int32_t patterns = h->count;
-  const PreparedEntry* const prepared = reinterpret_cast<const PreparedEntry*>(h + 1);
+  const PreparedHalf* const prepared = reinterpret_cast<const PreparedHalf*>(h + 1);
   const EmbedPick* const picks = b->picks;
   // Each superpixel's prepared rows start at halves[i] + row entries; the
   // pointers go after the tables and bands.
   const PreparedHalf** halves =
       reinterpret_cast<const PreparedHalf**>(reinterpret_cast<uint8_t*>(s.tables) + static_cast<size_t>(count) * 32);
   if (analyse) border_tables(b, s.tables, s.bands, bw, bh, s.sums);
-  const PreparedHalf* const none = reinterpret_cast<const PreparedEntry*>(kNoEntries)->sign;
+  const PreparedHalf* const none = reinterpret_cast<const PreparedHalf*>(kNoEntries);
   bool any = false;
   for (int32_t i = 0; i < count; ++i) {
     const uint32_t id = static_cast<uint32_t>(picks[i].pattern);
@@ -677,8 +677,7 @@ void embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Sc
       continue;
     }
     const ptrdiff_t set = analyse ? s.bands[i] : 0;
-    const PreparedEntry* e = prepared + (set * patterns + id) * sp_h;
-    halves[i] = &e->sign[picks[i].value < 0 ? 1 : 0];
+    halves[i] = prepared + prepared_at(set, patterns, id, picks[i].value < 0 ? 1 : 0, sp_h, 1);
     any = true;
   }
   if (!any) return;
@@ -707,7 +706,7 @@ void embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Sc
     return;
   }
   for (int32_t u = 0; u < used_count; ++u) {
-    const ptrdiff_t row_at = used[u] * kRowHalves;
+    const ptrdiff_t row_at = used[u];
     int16_t* amp = s.amp_rows + static_cast<size_t>(used[u]) * s.cells;
     uint8_t* rnd = s.rnd_rows + static_cast<size_t>(used[u]) * s.cells;
     const uint8_t* bytes = s.rnd;
@@ -812,7 +811,7 @@ void embed_band_avx2(const EmbedBand* b) {
   rows.prepared_count = 0;
   rows.bands = nullptr;
   if (header != nullptr) {
-    rows.prepared = reinterpret_cast<const PreparedEntry*>(header + 1);
+    rows.prepared = reinterpret_cast<const PreparedHalf*>(header + 1);
     rows.prepared_count = header->count;
     if (analyse) rows.bands = s.bands;
   }
@@ -838,7 +837,7 @@ int64_t embed_band_prepare_avx2(const EmbedPattern* patterns, int32_t count, int
   const int32_t chunks = (sp_w + 7) / 8;
   const int64_t bytes = static_cast<int64_t>(sizeof(PreparedHeader)) +
                         static_cast<int64_t>(variants) * count * chunks * sp_h *
-                            static_cast<int64_t>(sizeof(PreparedEntry));
+                            2 * static_cast<int64_t>(sizeof(PreparedHalf));
   if (bytes > kMaxPrepared) return 0;
   if (out == nullptr) return bytes;
 
@@ -850,7 +849,7 @@ int64_t embed_band_prepare_avx2(const EmbedPattern* patterns, int32_t count, int
   h->count = count;
   h->kind = kind;
   h->variants = variants;
-  PreparedEntry* entries = reinterpret_cast<PreparedEntry*>(out + sizeof(PreparedHeader));
+  PreparedHalf* entries = reinterpret_cast<PreparedHalf*>(out + sizeof(PreparedHeader));
   const __m128i high_nibble = _mm_set1_epi8(static_cast<char>(0xF0));
   const __m128i zero = _mm_setzero_si128();
   __m128i most = zero;  // largest amplitude so far, per lane
@@ -865,7 +864,8 @@ int64_t embed_band_prepare_avx2(const EmbedPattern* patterns, int32_t count, int
     for (int32_t i = 0; i < count; ++i) {
       const int8_t* pattern = patterns[i].pattern;
       const int32_t area = sp_w * sp_h;
-      PreparedEntry* mine = entries + (static_cast<ptrdiff_t>(set) * count + i) * chunks * sp_h;
+      PreparedHalf* plus = entries + prepared_at(set, count, i, 0, sp_h, chunks);
+      PreparedHalf* minus = entries + prepared_at(set, count, i, 1, sp_h, chunks);
       int32_t rank = 0;
       for (int32_t r = 0; r < sp_h; ++r) {
         for (int32_t c = 0, k = 0; c < sp_w; c += 8, ++k) {
@@ -879,14 +879,16 @@ int64_t embed_band_prepare_avx2(const EmbedPattern* patterns, int32_t count, int
           const __m128i amp = _mm_cvtepi8_epi16(a8);
           most = _mm_max_epi16(most, _mm_abs_epi16(amp));
           const uint32_t nz = ~static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(pat, zero))) & 0xFFu;
-          PreparedEntry& e = mine[r * chunks + k];
-          e = PreparedEntry{};
-          _mm_store_si128(reinterpret_cast<__m128i*>(e.sign[0].amp), amp);
-          _mm_store_si128(reinterpret_cast<__m128i*>(e.sign[1].amp), _mm_sub_epi16(zero, amp));
-          std::memcpy(e.sign[0].shuffle, kExpand.rows[nz], 8);
-          std::memcpy(e.sign[1].shuffle, kExpand.rows[nz], 8);
-          e.sign[0].rank = rank;
-          e.sign[1].rank = rank;
+          PreparedHalf& p = plus[r * chunks + k];
+          PreparedHalf& m = minus[r * chunks + k];
+          p = PreparedHalf{};
+          m = PreparedHalf{};
+          _mm_store_si128(reinterpret_cast<__m128i*>(p.amp), amp);
+          _mm_store_si128(reinterpret_cast<__m128i*>(m.amp), _mm_sub_epi16(zero, amp));
+          std::memcpy(p.shuffle, kExpand.rows[nz], 8);
+          std::memcpy(m.shuffle, kExpand.rows[nz], 8);
+          p.rank = rank;
+          m.rank = rank;
           rank += __builtin_popcount(nz);
           if (nz != 0) h->rows_used |= uint64_t{1} << r;
         }
