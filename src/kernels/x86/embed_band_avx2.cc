@@ -625,30 +625,34 @@ int32_t list_rows(uint64_t mask, int32_t sp_h, int32_t* used) {
   return count;
 }
 
-// The work rows first_row .. first_row + kRows - 1 of every superpixel of a
-// run, superpixel by superpixel; halves[i] is superpixel i's prepared row 0.
-// Each superpixel's stores overwrite what the one before leaves past its
-// width.
+// The work rows of every superpixel of a run, superpixel by superpixel;
+// halves[i] is superpixel i's prepared row 0. kRows above 0: the rows
+// used[0] .. used[0] + kRows - 1, with the row loop unrolled; 0: the
+// used_count rows listed in used. Each superpixel's stores overwrite what
+// the one before leaves past its width.
 template <bool kPerceptual, int kRows>
-void build_contiguous(const PreparedHalf* const* halves, int32_t count, int32_t sp_w, const Scratch& s,
-                      int32_t first_row) {
+void build_prepared(const PreparedHalf* const* halves, int32_t count, int32_t sp_w, const Scratch& s,
+                    const int32_t* used, int32_t used_count) {
   const ptrdiff_t cells = static_cast<ptrdiff_t>(s.cells);
-  int16_t* amp = s.amp_rows + first_row * cells;
-  uint8_t* rnd = s.rnd_rows + first_row * cells;
+  const int32_t rows = kRows > 0 ? kRows : used_count;
+  // Row r of superpixel i: first + r of the pattern and work rows, where r
+  // counts from 0 (unrolled) or is listed.
+  const ptrdiff_t first = kRows > 0 ? used[0] : 0;
+  int16_t* amp = s.amp_rows + first * cells;
+  uint8_t* rnd = s.rnd_rows + first * cells;
   const uint8_t* bytes = s.rnd;
-  const ptrdiff_t row_at = first_row;
   for (int32_t i = 0; i < count; ++i, amp += sp_w, rnd += sp_w, bytes += s.slot) {
-    const PreparedHalf* half = halves[i] + row_at;
-    for (int u = 0; u < kRows; ++u) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp + u * cells), load_amp(half + u));
-      if (kPerceptual) {
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd + u * cells), pick_random(bytes, half + u));
-      }
+    const PreparedHalf* half = halves[i] + first;
+    for (int32_t u = 0; u < rows; ++u) {
+      const ptrdiff_t r = kRows > 0 ? u : used[u];
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp + r * cells), load_amp(half + r));
+      if (kPerceptual) _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd + r * cells), pick_random(bytes, half + r));
     }
   }
 }
 
-using BuildContiguous = void (*)(const PreparedHalf* const*, int32_t, int32_t, const Scratch&, int32_t);
+using BuildPrepared = void (*)(const PreparedHalf* const*, int32_t, int32_t, const Scratch&, const int32_t*,
+                               int32_t);
 
 // A run whose patterns are all prepared and at most eight columns wide. One
 // pass over the superpixels finds each one's prepared rows for its sign (and
@@ -689,43 +693,17 @@ void embed_prepared_narrow(const EmbedBand* b, const PreparedHeader* h, const Sc
   if (used_count == 0) return;
   if (kPerceptual) random_bytes(b, s.rnd, s.slot, (h->most_nonzero + 7) / 8);
 
-  const ptrdiff_t slot = s.slot;
-  // Most runs use a few rows one after another (those inside the border):
-  // each superpixel then writes all its rows at once.
+  // Most runs use a few rows one after another (those inside the border).
+  static constexpr BuildPrepared kBuild[2][9] = {
+      {build_prepared<false, 0>, build_prepared<false, 1>, build_prepared<false, 2>, build_prepared<false, 3>,
+       build_prepared<false, 4>, build_prepared<false, 5>, build_prepared<false, 6>, build_prepared<false, 7>,
+       build_prepared<false, 8>},
+      {build_prepared<true, 0>, build_prepared<true, 1>, build_prepared<true, 2>, build_prepared<true, 3>,
+       build_prepared<true, 4>, build_prepared<true, 5>, build_prepared<true, 6>, build_prepared<true, 7>,
+       build_prepared<true, 8>}};
   const bool contiguous = used[used_count - 1] - used[0] == used_count - 1;
-  if (contiguous && used_count <= 8) {
-    static constexpr BuildContiguous kBuild[2][8] = {
-        {build_contiguous<false, 1>, build_contiguous<false, 2>, build_contiguous<false, 3>,
-         build_contiguous<false, 4>, build_contiguous<false, 5>, build_contiguous<false, 6>,
-         build_contiguous<false, 7>, build_contiguous<false, 8>},
-        {build_contiguous<true, 1>, build_contiguous<true, 2>, build_contiguous<true, 3>,
-         build_contiguous<true, 4>, build_contiguous<true, 5>, build_contiguous<true, 6>,
-         build_contiguous<true, 7>, build_contiguous<true, 8>}};
-    kBuild[kPerceptual ? 1 : 0][used_count - 1](halves, count, sp_w, s, used[0]);
-    apply_rows(b, used, used_count, s.amp_rows, s.rnd_rows, s.cells, kPerceptual, count * sp_w, h->most_amp);
-    return;
-  }
-  for (int32_t u = 0; u < used_count; ++u) {
-    const ptrdiff_t row_at = used[u];
-    int16_t* amp = s.amp_rows + static_cast<size_t>(used[u]) * s.cells;
-    uint8_t* rnd = s.rnd_rows + static_cast<size_t>(used[u]) * s.cells;
-    const uint8_t* bytes = s.rnd;
-    auto one = [&](int32_t i, int32_t k) {
-      const PreparedHalf* half = halves[i + k] + row_at;
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(amp + k * sp_w), load_amp(half));
-      if (kPerceptual) {
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(rnd + k * sp_w), pick_random(bytes + k * slot, half));
-      }
-    };
-    // Two superpixels per step: the later one's stores overwrite what the
-    // earlier one's leave past its width.
-    int32_t i = 0;
-    for (; i + 2 <= count; i += 2, amp += 2 * sp_w, rnd += 2 * sp_w, bytes += 2 * slot) {
-      one(i, 0);
-      one(i, 1);
-    }
-    if (i < count) one(i, 0);
-  }
+  kBuild[kPerceptual ? 1 : 0][contiguous && used_count <= 8 ? used_count : 0](halves, count, sp_w, s, used,
+                                                                                used_count);
   apply_rows(b, used, used_count, s.amp_rows, s.rnd_rows, s.cells, kPerceptual,
              count * sp_w, h->most_amp);
 }
