@@ -86,13 +86,14 @@ uint8_t* texture_rows_needed(const WatermarkFilter* f) {
   return needed;
 }
 
-// Cell values for the image-hash seed (into values, when not null) and the
-// texture map (into the filter's map, when texture is set), split over the
-// texture map's worker count.
+// Whether two hash grids sum the same cells.
 bool same_grid(const SeedGrid& a, const SeedGrid& b) {
   return a.gx == b.gx && a.gy == b.gy && a.cw == b.cw && a.ch == b.ch && a.cells == b.cells;
 }
 
+// Cell values for the image-hash seed (into values, when not null) and the
+// texture map (into the filter's map, when texture is set), split over the
+// texture map's worker count.
 void scan_frame(const WatermarkFilter* f, const uint8_t* luma, int32_t stride, bool texture,
                 const SeedGrid& grid, int32_t* values) {
   const int32_t n = texture_worker_count(f->threads);
