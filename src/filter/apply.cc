@@ -7,7 +7,8 @@
 // and neither has any effect outside its own buffer, so doing them together
 // before the seed is known gives the same frame as doing them in turn.
 // With a single worker the map is instead computed a stretch of rows ahead
-// of the embedding, and read back while still in the cache.
+// of the embedding, and read back while still in the cache. A seed summed
+// as the frame arrived (wm_filter_apply_scanned) leaves no cell sums to do.
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
