@@ -238,9 +238,11 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
       const __m256i h = interpolate(l, grid.w_left, r, grid.w_right, by_w);
       const __m256i v = _mm256_srl_epi16(_mm256_mulhi_epu16(vertical, by_h.mul), by_h.shift);
       vertical = _mm256_add_epi16(vertical, down);
-      // At most 62 residuals of at most 255 per lane: no 16-bit overflow.
-      sum = _mm256_add_epi16(sum, _mm256_and_si256(closest_residual(p, h, v), grid.inner));
+      // At most 62 residuals of at most 255 per inner lane: no 16-bit
+      // overflow. The other lanes may wrap; they are cleared below.
+      sum = _mm256_add_epi16(sum, closest_residual(p, h, v));
     }
+    sum = _mm256_and_si256(sum, grid.inner);
     const int32_t here = grid.cols - c < grid.per_step ? grid.cols - c : grid.per_step;
     if (halves) {
       // Two superpixels, each with its inner columns in one half: pairwise
