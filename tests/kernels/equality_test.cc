@@ -335,6 +335,70 @@ TEST(KernelEquality, EmbedRepeatRuns) {
   }
 }
 
+// Every narrow superpixel shape (1..8 wide, 16..64 pixels, where the vector
+// kernels build a whole pattern's mask at once) in long runs that end at the
+// last byte of the plane and of the texture map, each with its measures
+// before embedding as targets, as the deep-fake driver gives them; and the
+// measurement grid of the same band with an odd superpixel count.
+TEST(KernelEquality, NarrowRepeatRunsAtThePlaneEnd) {
+  std::mt19937 rng(7177);
+  for (int32_t sp_w = 1; sp_w <= 8; ++sp_w) {
+    for (const int32_t area : {16, 31, 32, 33, 49, 64}) {
+      const int32_t sp_h = (area + sp_w - 1) / sp_w;
+      if (sp_w * sp_h > 64) continue;
+      for (const int32_t pm : {0, 1, 3}) {
+        const int32_t border = static_cast<int32_t>(rng() % 5) - 1;
+        const int32_t count = 37, first_x = static_cast<int32_t>(rng() % 3) * sp_w;
+        const int32_t frame_w = first_x + count * sp_w, frame_h = sp_h;
+        const Bytes frame = picture(static_cast<size_t>(frame_w) * frame_h, rng);
+        const Bytes texture = random_texture(frame_w, frame_h, rng);
+        std::vector<std::vector<int8_t>> patterns;
+        for (int k = 0; k < 3; ++k) {
+          patterns.push_back(make_pattern(sp_w, sp_h, border_or_default(border, sp_w),
+                                          border_or_default(border, sp_h), rng));
+        }
+        const FrameGeometry g{frame_w, frame_h, frame_w, sp_w, sp_h, border, border};
+        std::vector<int32_t> targets(count);
+        signal_measure_grid(frame.data() + kGuard + first_x, count, 1, targets.data(), frame_w, sp_w, sp_h, border,
+                            border);
+        const int32_t strength = 1 + static_cast<int32_t>(rng() % 6);
+        std::vector<RepeatItem> items(count);
+        for (int32_t i = 0; i < count; ++i) {
+          items[i] = RepeatItem{rng() % 8 ? patterns[rng() % 3].data() : nullptr,
+                                static_cast<int32_t>(rng() % 2) - strength,
+                                targets[i] < 0 ? -int64_t{targets[i]} : int64_t{targets[i]}};
+        }
+        Bytes want = frame;
+        std::vector<int32_t> want_sums(count, 0);
+        std::vector<int8_t> pass(static_cast<size_t>(area));
+        for (int32_t i = 0; i < count; ++i) {
+          if (items[i].pattern == nullptr) continue;
+          want_sums[i] = embed_superpixel_repeat(want.data() + kGuard, &g, first_x + i * sp_w, 0, items[i].value,
+                                                 items[i].pattern, texture.data(), pm, strength, items[i].target,
+                                                 pass.data());
+        }
+        std::vector<uint8_t> scratch(static_cast<size_t>(embed_repeat_run_scratch_bytes(sp_w, sp_h, count)));
+        for (const KernelTable* t : tables()) {
+          SCOPED_TRACE(testing::Message() << t->name << " sp " << sp_w << "x" << sp_h << " border " << border
+                                          << " pm " << pm);
+          std::vector<int32_t> measured(count + 2, -7);
+          t->measure_grid(frame.data() + kGuard + first_x, count, 1, measured.data() + 1, frame_w, sp_w, sp_h, border,
+                          border);
+          ASSERT_EQ(targets, std::vector<int32_t>(measured.begin() + 1, measured.end() - 1));
+          ASSERT_EQ(-7, measured.back());
+          Bytes got = frame;
+          std::vector<int32_t> sums(count, -7);
+          const EmbedRepeatRun run{got.data() + kGuard, &g, 0, first_x, count, items.data(), texture.data(), pm,
+                                   strength, sums.data(), scratch.data()};
+          t->embed_repeat_run(&run);
+          ASSERT_EQ(want, got);
+          ASSERT_EQ(want_sums, sums);
+        }
+      }
+    }
+  }
+}
+
 // One map value from box sums taken pixel by pixel.
 uint8_t texture_at(const uint8_t* src, int w, int h, int stride, int r, int x, int y) {
   const int s = std::max(x - r, 0), e = std::min(x + r, w - 1);

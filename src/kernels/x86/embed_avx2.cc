@@ -98,6 +98,7 @@ inline void run_noise(uint8_t* noise, const uint64_t* masks, int32_t count, int3
   }
 }
 
+
 }  // namespace
 
 int32_t embed_superpixel_avx2(uint8_t* luma, const FrameGeometry* geometry, int32_t x, int32_t y,
@@ -326,7 +327,8 @@ namespace lumamark {
 // once: the random byte plus 128 plus 24 times the texture in perceptual mode,
 // 1024 otherwise (so that (amplitude x weight) >> 10 is the amplitude), and 0
 // where the pattern byte is 0. After each pass the changes of every superpixel
-// are summed and its next pass decided, as embed_superpixel_repeat does.
+// are summed and its next pass decided, as embed_superpixel_repeat does; only
+// the superpixels still going (a list kept from pass to pass) are visited.
 void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
   const FrameGeometry* g = run->geometry;
   const int32_t sp_w = g->sp_w;
@@ -363,17 +365,49 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
   int16_t* amp16 = w16 + static_cast<size_t>(sp_h) * lanes;
   int16_t* sum16 = amp16 + lanes;
   int32_t* level = reinterpret_cast<int32_t*>(sum16 + lanes);  // a of the next pass
-  int32_t* state = level + count;                              // 1 alive, 2 going
-  int32_t* sums = state + count;                               // sum of the last pass
+  // The superpixels that take another pass, left to right, each with kSpent
+  // once a pass's low byte of 0 has zeroed its pattern for good.
+  uint32_t* going_list = reinterpret_cast<uint32_t*>(level + count);
+  int32_t* sums = reinterpret_cast<int32_t*>(going_list + count);  // sum of the last pass
+  constexpr uint32_t kSpent = 0x80000000u;
 
   const int32_t area = sp_w * sp_h;
+  const __m256i zero16 = _mm256_setzero_si256();
+  const __m256i own_columns = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(sp_w)),
+                                                 _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
+  auto magnitude = [](int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : static_cast<int64_t>(v); };
+  // The pass of level a for the superpixel of entry: its signed amplitude
+  // times 64 (at most 128 x 64 in magnitude) over its columns. The store
+  // covers sixteen columns and writes 0 to those past its own; as the
+  // superpixels are set from left to right, those columns are either set
+  // again by a later superpixel still going or belong to one that is done
+  // (and so hold 0). Returns the entry, marked spent from a low byte of 0 on.
+  auto set_amplitude = [&](uint32_t entry, int32_t a) {
+    const size_t i = entry & ~kSpent;
+    const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
+    if (amp == 0) entry |= kSpent;  // a low byte of 0 zeroes the pattern for good
+    int32_t sa = 0;
+    if ((entry & kSpent) == 0) {
+      int32_t eff = amp;
+      if (eff >= 0 && eff <= 7) eff = imin(eff, small[eff]);
+      sa = a < 0 ? -eff : eff;
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + i * sp_w),
+                        _mm256_and_si256(_mm256_set1_epi16(static_cast<int16_t>(sa * 64)), own_columns));
+    return entry;
+  };
+  // Every superpixel's amplitude starts at 0, over its columns and the
+  // sixteen past the run; then those of the first pass.
+  for (int32_t x = 0; x < n + 16; x += 16) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + x), zero16);
+  }
   uint64_t used_rows = 0;
   int32_t going = 0;
   for (int32_t i = 0; i < count; ++i) {
     sums[i] = 0;
-    state[i] = run->items[i].pattern != nullptr ? 3 : 0;
-    level[i] = run->items[i].value;
-    going += state[i] != 0;
+    const int32_t a = run->items[i].value;
+    level[i] = a;
+    if (run->items[i].pattern != nullptr) going_list[going++] = set_amplitude(static_cast<uint32_t>(i), a);
   }
   if (going == 0) {
     if (run->signals != nullptr) {
@@ -384,9 +418,10 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
 
   // Per superpixel and pixel row: which pixels change and their random bytes.
   const __m128i minus1 = _mm_set1_epi8(-1);
+  bool weighed = false;  // the weights of the rows that change are in place
   if (area >= 16 && area <= 64 && sp_w <= 8) {
-    // One mask for each whole pattern, from sixteen bytes at a time (the
-    // last sixteen may overlap the ones before); only the rows where some
+    // One mask for each whole pattern, from its first and last 32 bytes (or
+    // 16 for a smaller one), which may overlap; only the rows where some
     // pattern of the run has a non-zero byte are worked on.
     const size_t after_sums = static_cast<size_t>(reinterpret_cast<uint8_t*>(sums + count) - run->scratch);
     uint64_t* masks = reinterpret_cast<uint64_t*>(run->scratch + ((after_sums + 7) & ~size_t{7}));
@@ -396,13 +431,17 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
       const uint8_t* pattern = reinterpret_cast<const uint8_t*>(run->items[i].pattern);
       uint64_t mask = 0;
       if (pattern != nullptr) {
-        int32_t at = 0;
-        for (; at + 16 <= area; at += 16) {
-          mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + at)), 16)} << at;
-        }
-        if (at < area) {
-          mask |= uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + area - 16)), 16)}
-                  << (area - 16);
+        if (area >= 32) {
+          // The first 32 bytes and the last 32 (which may overlap them).
+          auto bits32 = [](const uint8_t* p) {
+            const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+            return uint64_t{~static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bytes, _mm256_setzero_si256())))};
+          };
+          mask = bits32(pattern) | bits32(pattern + area - 32) << (area - 32);
+        } else {
+          mask = uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern)), 16)} |
+                 uint64_t{nonzero_bits(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pattern + area - 16)), 16)}
+                     << (area - 16);
         }
       }
       masks[i] = mask;
@@ -412,26 +451,91 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
     for (int32_t r = 0; r < sp_h; ++r) {
       used_rows |= uint64_t{((any_mask >> (r * sp_w)) & row_bits) != 0} << r;
     }
-    if (perceptual) run_noise(noise, masks, count, run->first_x, sp_w, run->y, g->width, g->height);
-    // Rows before the first one with a non-zero byte take no random bytes.
-    const int32_t skip = used_rows != 0 ? __builtin_ctzll(used_rows) : sp_h;
-    const int32_t stop = used_rows != 0 ? 64 - __builtin_clzll(used_rows) : sp_h;
-    for (int32_t i = 0; i < count; ++i) {
-      uint64_t mask = masks[i] >> (skip < sp_h ? skip * sp_w : 0);
-      const uint8_t* random = noise + static_cast<size_t>(i) * kNoiseSlot;
-      const size_t x = static_cast<size_t>(i) * sp_w;
-      int32_t rank = 0;
-      for (int32_t r = skip; r < stop; ++r) {
-        const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
-        mask >>= sp_w;
-        const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(live8 + r * lanes + x), _mm_cmpgt_epi8(e, minus1));
-        if (perceptual) {
-          _mm_storeu_si128(reinterpret_cast<__m128i*>(rnd8 + r * lanes + x),
-                           _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random + rank)), e));
-          rank += __builtin_popcount(nz);
+    if (used_rows != 0) {
+      if (perceptual) run_noise(noise, masks, count, run->first_x, sp_w, run->y, g->width, g->height);
+      // Rows before the first one with a non-zero byte take no random bytes.
+      const int32_t skip = __builtin_ctzll(used_rows);  // skip x sp_w < area <= 64
+      const int32_t stop = 64 - __builtin_clzll(used_rows);
+      // The weights superpixel by superpixel, eight lanes from its first
+      // column on: the lanes past its own columns weigh 0 (their mask bits
+      // are clear) and are written again by the next superpixel, or after the
+      // last one by the zeros past the run.
+      const __m128i k24 = _mm_set1_epi16(24);
+      const __m128i k128 = _mm_set1_epi16(128);
+      const __m128i k1024 = _mm_set1_epi16(1024);
+      const __m256i k24x2 = _mm256_set1_epi16(24);
+      const __m256i k128x2 = _mm256_set1_epi16(128);
+      const ptrdiff_t tex_pitch = g->width;
+      const uint8_t* tex_first =
+          perceptual ? run->texture + (static_cast<ptrdiff_t>(run->y) + skip) * tex_pitch + run->first_x : nullptr;
+      // Superpixel i; eight texture bytes at once unless they would pass
+      // the run (short_row).
+      auto weigh_superpixel = [&](int32_t i, auto with_noise, auto short_row) {
+        uint64_t mask = masks[i] >> (skip * sp_w);
+        const size_t x = static_cast<size_t>(i) * sp_w;
+        int16_t* w_row = w16 + static_cast<size_t>(skip) * lanes + x;
+        if constexpr (decltype(with_noise)::value) {
+          const uint8_t* random = noise + static_cast<size_t>(i) * kNoiseSlot;
+          const uint8_t* tex_row = tex_first + static_cast<ptrdiff_t>(x);
+          auto texture8 = [&](const uint8_t* p) {
+            if constexpr (decltype(short_row)::value) {
+              return load_row16(p, sp_w);
+            } else {
+              return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+            }
+          };
+          int32_t r = skip;
+          // Two rows at a time, one in each half of the register.
+          for (; r + 2 <= stop; r += 2, w_row += 2 * lanes, tex_row += 2 * tex_pitch) {
+            const uint32_t nz0 = static_cast<uint32_t>(mask & row_bits);
+            const uint32_t nz1 = static_cast<uint32_t>((mask >> sp_w) & row_bits);
+            mask >>= 2 * sp_w;
+            const __m128i e0 = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz0]));
+            const __m128i e1 = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz1]));
+            const __m128i rnd0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random)), e0);
+            random += __builtin_popcount(nz0);
+            const __m128i rnd1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random)), e1);
+            random += __builtin_popcount(nz1);
+            const __m256i rnd = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(rnd0, rnd1));
+            const __m256i tex = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(texture8(tex_row), texture8(tex_row + tex_pitch)));
+            const __m256i w = _mm256_add_epi16(_mm256_add_epi16(rnd, k128x2), _mm256_mullo_epi16(tex, k24x2));
+            const __m256i live = _mm256_cvtepi8_epi16(_mm_cmpgt_epi8(_mm_unpacklo_epi64(e0, e1), minus1));
+            const __m256i both = _mm256_and_si256(w, live);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(w_row), _mm256_castsi256_si128(both));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(w_row + lanes), _mm256_extracti128_si256(both, 1));
+          }
+          if (r < stop) {
+            const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
+            const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
+            const __m128i rnd = _mm_cvtepu8_epi16(
+                _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(random)), e));
+            const __m128i w = _mm_add_epi16(_mm_add_epi16(rnd, k128),
+                                            _mm_mullo_epi16(_mm_cvtepu8_epi16(texture8(tex_row)), k24));
+            const __m128i live = _mm_cvtepi8_epi16(_mm_cmpgt_epi8(e, minus1));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(w_row), _mm_and_si128(w, live));
+          }
+        } else {
+          for (int32_t r = skip; r < stop; ++r, w_row += lanes) {
+            const uint32_t nz = static_cast<uint32_t>(mask & row_bits);
+            mask >>= sp_w;
+            const __m128i e = _mm_load_si128(reinterpret_cast<const __m128i*>(kExpand.rows[nz]));
+            const __m128i live = _mm_cvtepi8_epi16(_mm_cmpgt_epi8(e, minus1));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(w_row), _mm_and_si128(k1024, live));
+          }
         }
+      };
+      // The superpixels whose eight bytes from their first column on lie in the run.
+      const int32_t whole = n >= 8 ? (n - 8) / sp_w + 1 : 0;
+      if (perceptual) {
+        for (int32_t i = 0; i < whole; ++i) weigh_superpixel(i, std::true_type{}, std::false_type{});
+        for (int32_t i = whole; i < count; ++i) weigh_superpixel(i, std::true_type{}, std::true_type{});
+      } else {
+        for (int32_t i = 0; i < count; ++i) weigh_superpixel(i, std::false_type{}, std::false_type{});
       }
+      for (int32_t r = skip; r < stop; ++r) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(w16 + r * lanes + n), zero16);
+      }
+      weighed = true;
     }
   } else {
     alignas(16) uint8_t random[(kMaxWidth * kMaxHeight / 8 + 2) * 8] = {};
@@ -486,13 +590,11 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
   const int32_t end_row = 64 - __builtin_clzll(used_rows);
 
   // The weight of every pixel of the rows that change. Lanes past the run
-  // weigh 0. The column sums start at 0 (with the first row).
-  const __m256i zero16 = _mm256_setzero_si256();
-  bool sums_zeroed = false;
+  // weigh 0.
   const __m256i k24 = _mm256_set1_epi16(24);
   const __m256i k128 = _mm256_set1_epi16(128);
   const __m256i k1024 = _mm256_set1_epi16(1024);
-  for (int32_t r = first_row; r < end_row; ++r) {
+  for (int32_t r = first_row; r < end_row && !weighed; ++r) {
     uint8_t* rnd_row = rnd8 + r * lanes;
     uint8_t* live_row = live8 + r * lanes;
     std::memset(rnd_row + n, 0, 32);
@@ -514,48 +616,30 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
         w = _mm256_add_epi16(_mm256_add_epi16(rnd, k128), _mm256_mullo_epi16(_mm256_cvtepu8_epi16(t8), k24));
       }
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(w_row + x), _mm256_and_si256(w, live));
-      if (!sums_zeroed) _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), zero16);
     };
     int32_t x = 0;
     for (; x + 16 <= n; x += 16) weigh(x, std::true_type{});
     if (x < n) weigh(x, std::false_type{});
-    sums_zeroed = true;
   }
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + n), zero16);  // read, and masked off, with the last columns
+  // The column sums past the run stay 0 (they are read, and masked off,
+  // with the last columns).
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + n), zero16);
 
   const __m256i k255 = _mm256_set1_epi16(255);
   const __m256i ones16 = _mm256_set1_epi16(1);
-  const __m256i own_columns = _mm256_cmpgt_epi16(_mm256_set1_epi16(static_cast<int16_t>(sp_w)),
-                                             _mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
-  auto magnitude = [](int32_t v) { return v < 0 ? -static_cast<int64_t>(v) : static_cast<int64_t>(v); };
+  const ptrdiff_t pitch = g->stride;
+  uint8_t* first_line = run->luma + (static_cast<ptrdiff_t>(run->y) + first_row) * g->stride + run->first_x;
+  const int16_t* first_weights = w16 + static_cast<size_t>(first_row) * lanes;
   while (going > 0) {
-    // This pass's signed amplitude of every superpixel times 64 (at most
-    // 128 x 64 in magnitude), over its columns.
-    for (int32_t i = 0; i < count; ++i) {
-      int32_t sa = 0;
-      if ((state[i] & 2) != 0) {
-        const int32_t a = level[i];
-        const int8_t amp = static_cast<int8_t>(static_cast<uint8_t>(magnitude(a) & 0xff));
-        if (amp == 0) state[i] &= ~1;  // a low byte of 0 zeroes the pattern for good
-        if ((state[i] & 1) != 0) {
-          int32_t eff = amp;
-          if (eff >= 0 && eff <= 7) eff = imin(eff, small[eff]);
-          sa = a < 0 ? -eff : eff;
-        }
-      }
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + static_cast<size_t>(i) * sp_w),
-                          _mm256_set1_epi16(static_cast<int16_t>(sa * 64)));
-    }
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + n), zero16);
     // Sixteen columns at a time, down the rows that change, with their sums
     // in a register.
-    const ptrdiff_t pitch = g->stride;
-    uint8_t* first_line = run->luma + (static_cast<ptrdiff_t>(run->y) + first_row) * g->stride + run->first_x;
-    const int16_t* first_weights = w16 + static_cast<size_t>(first_row) * lanes;
     // The sixteen columns from x on; the last step of the run may hold fewer.
     auto step = [&](int32_t x, auto whole) {
       const __m256i sa = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(amp16 + x));
-      if (_mm256_testz_si256(sa, sa)) return;
+      if (_mm256_testz_si256(sa, sa)) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), zero16);
+        return;
+      }
       const __m256i mag = _mm256_abs_epi16(sa);
       uint8_t* line = first_line + x;
       const int16_t* w_row = first_weights + x;
@@ -583,39 +667,35 @@ void embed_repeat_run_avx2(const EmbedRepeatRun* run) {
           store_row16(line, packed, n - x);
         }
       }
-      // The columns held 0 (see below).
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + x), sum);
     };
     int32_t x = 0;
     for (; x + 16 <= n; x += 16) step(x, std::true_type{});
     if (x < n) step(x, std::false_type{});
-    // Each superpixel's sum; then its columns back to 0 (the columns of
-    // superpixels without a pass stay 0), and whether it takes another
-    // pass. All sums are read before any column is cleared: a clearing store
-    // covers sixteen columns, and so the next superpixels' too.
-    for (int32_t i = 0; i < count; ++i) {
-      if ((state[i] & 2) == 0) continue;
+    // Each superpixel's sum, and whether it takes another pass: if so its
+    // next amplitude, else its columns back to 0.
+    int32_t kept = 0;
+    for (int32_t k = 0; k < going; ++k) {
+      const uint32_t entry = going_list[k];
+      const size_t i = entry & ~kSpent;
       // The superpixel's sp_w columns of the sixteen from its first on.
       const __m256i columns = _mm256_and_si256(
-          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + static_cast<size_t>(i) * sp_w)), own_columns);
+          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum16 + i * sp_w)), own_columns);
       const __m256i wide = _mm256_madd_epi16(columns, ones16);
       __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0x4E));
       s4 = _mm_add_epi32(s4, _mm_shuffle_epi32(s4, 0xB1));
       sums[i] = _mm_cvtsi128_si32(s4);
-    }
-    going = 0;
-    for (int32_t i = 0; i < count; ++i) {
-      if ((state[i] & 2) == 0) continue;
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum16 + static_cast<size_t>(i) * sp_w), zero16);
       const int32_t a = level[i];
-      level[i] = a < 0 ? wrap_sub(a, 1) : wrap_add(a, 1);
-      if (magnitude(level[i]) >= run->strength || run->items[i].target <= magnitude(sums[i])) {
-        state[i] &= ~2;
+      const int32_t next = a < 0 ? wrap_sub(a, 1) : wrap_add(a, 1);
+      level[i] = next;
+      if (magnitude(next) >= run->strength || run->items[i].target <= magnitude(sums[i])) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(amp16 + i * sp_w), zero16);
       } else {
-        ++going;
+        going_list[kept++] = set_amplitude(entry, next);
       }
     }
+    going = kept;
   }
   if (run->signals != nullptr) {
     for (int32_t i = 0; i < count; ++i) run->signals[i] = sums[i];

@@ -199,6 +199,10 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
   const uint8_t* first_inner = base + bh * pitch;
   const int32_t step = grid.per_step * sp_w;
   const __m256i n_h = _mm256_set1_epi16(static_cast<int16_t>(nH));
+  // With two superpixels a step whose inner columns lie in lanes 0..7 and
+  // 8..15 (the first one's lanes 0..sp_w - 1, the second one's from bw on
+  // past sp_w), each half sums one of them.
+  const bool halves = grid.per_step == 2 && sp_w + grid.bw >= 8;
   // Lanes of the step's k-th superpixel hold 1, the others 0.
   __m256i ones_of[16];
   for (int32_t k = 0; k < grid.per_step; ++k) {
@@ -234,10 +238,22 @@ void narrow_grid_row(const NarrowGrid& grid, const uint8_t* base, ptrdiff_t pitc
       const __m256i h = interpolate(l, grid.w_left, r, grid.w_right, by_w);
       const __m256i v = _mm256_srl_epi16(_mm256_mulhi_epu16(vertical, by_h.mul), by_h.shift);
       vertical = _mm256_add_epi16(vertical, down);
-      // At most 62 residuals of at most 255 per lane: no 16-bit overflow.
-      sum = _mm256_add_epi16(sum, _mm256_and_si256(closest_residual(p, h, v), grid.inner));
+      // At most 62 residuals of at most 255 per inner lane: no 16-bit
+      // overflow. The other lanes may wrap; they are cleared below.
+      sum = _mm256_add_epi16(sum, closest_residual(p, h, v));
     }
+    sum = _mm256_and_si256(sum, grid.inner);
     const int32_t here = grid.cols - c < grid.per_step ? grid.cols - c : grid.per_step;
+    if (halves) {
+      // Two superpixels, each with its inner columns in one half: pairwise
+      // sums, then twice the sums of neighbours in each half.
+      const __m256i pairs = _mm256_madd_epi16(sum, one);
+      __m256i quads = _mm256_hadd_epi32(pairs, pairs);
+      quads = _mm256_hadd_epi32(quads, quads);
+      out[c] = _mm_cvtsi128_si32(_mm256_castsi256_si128(quads));
+      if (here > 1) out[c + 1] = _mm_cvtsi128_si32(_mm256_extracti128_si256(quads, 1));
+      return;
+    }
     for (int32_t k = 0; k < here; ++k) {
       const __m256i wide = _mm256_madd_epi16(sum, ones_of[k]);
       __m128i s4 = _mm_add_epi32(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
