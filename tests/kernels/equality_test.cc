@@ -370,7 +370,7 @@ TEST(KernelEquality, NarrowRepeatRunsAtThePlaneEnd) {
         }
         Bytes want = frame;
         std::vector<int32_t> want_sums(count, 0);
-        std::vector<int8_t> pass(static_cast<size_t>(area));
+        std::vector<int8_t> pass(static_cast<size_t>(sp_w) * sp_h);
         for (int32_t i = 0; i < count; ++i) {
           if (items[i].pattern == nullptr) continue;
           want_sums[i] = embed_superpixel_repeat(want.data() + kGuard, &g, first_x + i * sp_w, 0, items[i].value,
