@@ -114,9 +114,9 @@ int32_t image_seed(const uint8_t* luma, int32_t width, int32_t height, int32_t s
   const SeedGrid g = seed_grid(width, height, cells_x, cells_y, cols, rows);
   // Without samples every cell value is 0, and so is the hash.
   if (!seed_grid_has_samples(g)) return 0;
-  int32_t* values = static_cast<int32_t*>(std::malloc(static_cast<size_t>(g.cells) * sizeof(int32_t)));
-  if (values == nullptr) {
-    // Cell by cell, without keeping the values.
+  SeedScan scan;
+  if (!seed_scan_init(&scan, g)) {
+    // Without room for a row of cell values: cell by cell.
     int32_t h = 0;
     for (int32_t r = 0; r < g.gy; ++r) {
       for (int32_t c = 0; c < g.gx; ++c) {
@@ -129,9 +129,10 @@ int32_t image_seed(const uint8_t* luma, int32_t width, int32_t height, int32_t s
     }
     return h % 32;
   }
-  kernels().cell_sums(luma, stride, g.cw, g.ch, g.gx, 0, g.gy, values);
-  const int32_t seed = seed_from_cells(g, values);
-  std::free(values);
+  seed_scan_restart(&scan);
+  seed_scan_rows(&scan, luma, stride, static_cast<int64_t>(g.gy) * g.ch);
+  const int32_t seed = seed_scan_seed(scan);
+  seed_scan_free(&scan);
   return seed;
 }
 
