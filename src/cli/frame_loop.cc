@@ -403,7 +403,8 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
     if (extra == nullptr) break;
     slots[slot_count++] = extra;
   }
-  // Between two pipes the chroma does not pass through the frame buffers.
+  // From a pipe or file to a pipe, file or /dev/null, the chroma does not
+  // pass through the frame buffers.
   ChromaPipe chroma;
   const bool piped = chroma_pipe_open(&chroma, slot_count, in_fd, out_fd, frame_size, width, height);
   // With a seed from the picture, the reader sums it as each frame arrives.

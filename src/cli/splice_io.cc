@@ -1,10 +1,11 @@
-// Chroma moved from pipe to pipe with splice(2).
+// Chroma moved from the input to the output with splice(2).
 #include "cli/splice_io.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,9 +14,35 @@ namespace lumamark {
 
 namespace {
 
-bool is_pipe(int fd) {
+// Inputs whose bytes splice(2) can take: pipes, and regular files, whose
+// pages the kernel then lends to the pipe without copying them.
+bool splice_input(int fd) {
   struct stat st;
-  return fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode);
+  return fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISREG(st.st_mode));
+}
+
+// Outputs splice(2) can write: pipes, /dev/null, and regular files not
+// opened for appending (splice refuses those).
+bool splice_output(int fd) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return false;
+  if (S_ISFIFO(st.st_mode)) return true;
+  if (S_ISCHR(st.st_mode)) return st.st_rdev == makedev(1, 3);
+  if (!S_ISREG(st.st_mode)) return false;
+  const int flags = fcntl(fd, F_GETFL);
+  return flags >= 0 && (flags & O_APPEND) == 0;
+}
+
+// Writes all of bytes; false when the output does not take them.
+bool write_all(int fd, const char* bytes, size_t size) {
+  while (size > 0) {
+    const ssize_t put = write(fd, bytes, size);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    bytes += put;
+    size -= static_cast<size_t>(put);
+  }
+  return true;
 }
 
 // Each pipe is asked to hold one frame's chroma; the system may allow less
@@ -31,7 +58,7 @@ bool chroma_pipe_open(ChromaPipe* pipe, int32_t count, int in_fd, int out_fd, in
   const int64_t luma = int64_t{width} * int64_t{height};
   if (width < 1 || height < 1 || luma >= frame_size) return false;
   if (count < 1 || count > kMaxChromaPipes) return false;
-  if (!is_pipe(in_fd) || !is_pipe(out_fd)) return false;
+  if (!splice_input(in_fd) || !splice_output(out_fd)) return false;
   for (int32_t i = 0; i < count; ++i) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) {
@@ -81,28 +108,39 @@ int64_t chroma_pipe_fill(ChromaPipe* pipe, int32_t i, int in_fd, size_t bytes) {
     const ssize_t moved =
         splice(in_fd, nullptr, pipe->write_fd[i], nullptr, bytes, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
     if (moved < 0 && errno == EINTR) continue;
+    // A file system that cannot splice its files: the caller reads the
+    // rest, as for a full pipe.
+    if (moved < 0 && errno == EINVAL) errno = EAGAIN;
     return moved;
   }
 }
 
 bool chroma_pipe_drain_to(ChromaPipe* pipe, int32_t i, int out_fd, size_t bytes) {
   size_t left = bytes;
-  while (left > 0) {
+  bool copying = false;  // the output cannot be spliced to: copied through memory
+  while (left > 0 && out_fd >= 0 && !copying) {
     const ssize_t moved = splice(pipe->read_fd[i], nullptr, out_fd, nullptr, left, SPLICE_F_MOVE);
     if (moved < 0 && errno == EINTR) continue;
+    if (moved < 0 && errno == EINVAL) {
+      copying = true;
+      break;
+    }
     if (moved <= 0) break;
     left -= static_cast<size_t>(moved);
   }
   if (left == 0) return true;
-  // The output failed: drop the rest of this frame's chroma.
+  // What is not spliced is read from the pipe, and written when the output
+  // cannot be spliced to, or dropped when it failed.
+  bool taken = copying;
   char sink[16384];
   while (left > 0) {
     const ssize_t got = read(pipe->read_fd[i], sink, left < sizeof sink ? left : sizeof sink);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
     left -= static_cast<size_t>(got);
+    if (taken) taken = write_all(out_fd, sink, static_cast<size_t>(got));
   }
-  return false;
+  return taken && left == 0;
 }
 
 }  // namespace lumamark
