@@ -311,10 +311,8 @@ int run_lumamark(int argc, char** argv) {
     // on a frame boundary, and the signal is raised again below.
     StopSignals stops;
     if (peeked.y4m) {
-      end = run_y4m_frames(filter, peeked.header, buffer, in, out, config.seed, &stops)
-                ? LoopEnd::Done
-                : LoopEnd::FilterFailed;
-      std::fflush(out);
+      end = stream_y4m_frames(filter, peeked.header, buffer, in, out, config.seed,
+                              !config.embed_log.empty(), &stops);
     } else {
       const OutputStart start = output_start(out);
       end = stream_frames(filter, buffer, frame_size, in, out, width, height, config.seed,

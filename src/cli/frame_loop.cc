@@ -15,6 +15,8 @@
 #include "cli/progress.h"
 #include "cli/splice_io.h"
 #include "cli/stop_signals.h"
+#include "cli/y4m.h"
+#include "cli/y4m_stream.h"
 #include "kernels/intmath.h"
 
 namespace lumamark {
@@ -92,6 +94,9 @@ constexpr int kPipeBytes = 256 * 1024;
 // in pieces of at most this size, so that the rows it completes are summed
 // while they are still in the cache.
 constexpr size_t kScanPiece = 128 * 1024;
+// y4m FRAME lines are read in pieces of this size; what a piece holds past
+// the line is the start of the frame, copied into its buffer.
+constexpr size_t kLinePiece = 4096;
 
 void enlarge_pipe(int fd) {
   struct stat st;
@@ -109,15 +114,28 @@ void enlarge_pipe(int fd) {
 //     before "Error applying watermark" is reported, and nothing after it;
 //   - a frame the output does not take is lost without a message, and the
 //     loop goes on.
+// For y4m input, y4m is set: the reader reads each frame's FRAME line before
+// its bytes, and the writer writes the line before the frame; a line that is
+// not a FRAME line ends the input, and is reported once every frame before
+// it is written.
+struct Y4mFraming {
+  FILE* stream = nullptr;          // the input stream, whose read-ahead bytes come first
+  std::string carry;               // bytes read past a FRAME line, not yet used
+  size_t carry_used = 0;           // of which handed out
+  std::string lines[kSlots];       // per slot: the FRAME line of its frame
+};
+
+enum class LineRead { kOk, kEnd, kBad };
+
 class OverlappedFrames {
  public:
   OverlappedFrames(WatermarkFilter* filter, uint8_t* const* slots, int32_t slot_count,
                    int64_t frame_size, int in_fd, int out_fd, int32_t width, int32_t height,
                    int32_t seed, size_t prefill, const StopSignals* stops, ChromaPipe* chroma,
-                   SeedScan* scans)
+                   SeedScan* scans, Y4mFraming* y4m)
       : filter_(filter), slots_(slots), slot_count_(slot_count), frame_(static_cast<size_t>(frame_size)),
         frame_size_(frame_size), in_fd_(in_fd), out_fd_(out_fd), width_(width), height_(height),
-        seed_(seed), prefill_(prefill), stops_(stops), chroma_(chroma), scans_(scans),
+        seed_(seed), prefill_(prefill), stops_(stops), chroma_(chroma), scans_(scans), y4m_(y4m),
         luma_(static_cast<size_t>(width) * static_cast<size_t>(height)) {}
 
   OverlappedFrames(const OverlappedFrames&) = delete;
@@ -143,8 +161,15 @@ class OverlappedFrames {
   LoopEnd run(Progress* progress) {
     progress_ = progress;
     LoopEnd end = LoopEnd::Done;
+    int64_t frames = 0;  // frames taken from the reader
     for (int64_t k = 0;; ++k) {
-      if (!wait_past(read_, k, input_ended_)) break;
+      if (!wait_past(read_, k, input_ended_)) {
+        lock();
+        if (bad_line_) end = LoopEnd::Malformed;
+        unlock();
+        frames = k;
+        break;
+      }
       const SeedScan* scan = scans_ != nullptr ? &scans_[k % slot_count_] : nullptr;
       if (wm_filter_apply_scanned(filter_, slot(k), width_, height_, width_, seed_, scan) != 0) {
         // Every frame before this one is written first, as in the plain loop.
@@ -159,7 +184,7 @@ class OverlappedFrames {
       signal();
       unlock();
     }
-    if (end == LoopEnd::Done) {
+    if (end != LoopEnd::FilterFailed) {
       // Let the writer finish what is marked.
       lock();
       while (written_ < marked_) wait();
@@ -177,6 +202,9 @@ class OverlappedFrames {
       progress->finish();
     }
     if (end == LoopEnd::FilterFailed) std::cerr << "Error applying watermark" << std::endl;
+    if (end == LoopEnd::Malformed) {
+      std::cerr << "Error: malformed y4m FRAME line before frame " << frames << std::endl;
+    }
     return end;
   }
 
@@ -235,9 +263,57 @@ class OverlappedFrames {
     return readable;
   }
 
+  // Copies up to room bytes read past the last FRAME line to to; returns
+  // how many.
+  size_t take_carry(uint8_t* to, size_t room) {
+    const size_t left = y4m_->carry.size() - y4m_->carry_used;
+    const size_t n = left < room ? left : room;
+    std::memcpy(to, y4m_->carry.data() + y4m_->carry_used, n);
+    y4m_->carry_used += n;
+    return n;
+  }
+
+  // Reads the next y4m FRAME line, its line end included, into *line, as
+  // the plain y4m loop does: kEnd at the end of the input or at a stop
+  // signal (a line cut short is dropped with it), kBad for a line that is
+  // not a FRAME line, is longer than a y4m line may be, or meets a read
+  // error part-way.
+  LineRead read_frame_line(std::string* line) {
+    line->clear();
+    for (;;) {
+      std::string& carry = y4m_->carry;
+      if (y4m_->carry_used == carry.size()) {
+        carry.resize(kLinePiece);
+        y4m_->carry_used = 0;
+        ssize_t got = 0;
+        do {
+          if (!cancellable_wait()) {
+            got = 0;
+            break;
+          }
+          got = read(in_fd_, carry.data(), kLinePiece);
+        } while (got < 0 && errno == EINTR);
+        carry.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        if (got == 0) return LineRead::kEnd;
+        if (got < 0) return line->empty() ? LineRead::kEnd : LineRead::kBad;
+      }
+      const char* from = carry.data() + y4m_->carry_used;
+      size_t n = carry.size() - y4m_->carry_used;
+      if (n > kY4mMaxLine - line->size()) n = kY4mMaxLine - line->size();
+      const void* end = std::memchr(from, '\n', n);
+      if (end != nullptr) n = static_cast<size_t>(static_cast<const char*>(end) - from) + 1;
+      line->append(from, n);
+      y4m_->carry_used += n;
+      if (end != nullptr) return y4m_is_frame_line(*line) ? LineRead::kOk : LineRead::kBad;
+      if (line->size() >= kY4mMaxLine) return LineRead::kBad;
+    }
+  }
+
   void read_frames() {
     int old = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+    // What the stream read ahead with the header comes before the descriptor.
+    if (y4m_ != nullptr) take_read_ahead(y4m_->stream, &y4m_->carry);
     for (int64_t k = 0;; ++k) {
       lock();
       // The buffer of frame k is free once frame k - slots is written.
@@ -252,6 +328,23 @@ class OverlappedFrames {
       bool piping = chroma_ != nullptr;
       SeedScan* scan = scans_ != nullptr ? &scans_[k % slot_count_] : nullptr;
       if (scan != nullptr) seed_scan_restart(scan);
+      if (y4m_ != nullptr) {
+        const LineRead line = read_frame_line(&y4m_->lines[k % slot_count_]);
+        if (line != LineRead::kOk) {
+          lock();
+          input_ended_ = true;
+          bad_line_ = line == LineRead::kBad;
+          signal();
+          unlock();
+          break;
+        }
+        // Bytes read past the line start the frame.
+        fill = take_carry(buffer, frame_);
+        if (scan != nullptr) {
+          const size_t luma_had = fill < luma_ ? fill : luma_;
+          seed_scan_rows(scan, buffer, width_, static_cast<int64_t>(luma_had / static_cast<size_t>(width_)));
+        }
+      }
       while (fill < frame_) {
         if (piping && fill >= chroma_->luma) {
           // A stop signal is taken here too, as for the luma.
@@ -316,6 +409,12 @@ class OverlappedFrames {
   // pipe of its slot; what the output does not take is lost, as in the plain loop
   // (piped bytes are then dropped from the pipe all the same).
   void write_frame(const uint8_t* buffer, int32_t slot, size_t piped) {
+    // As in the plain y4m loop, the frame is written whatever became of its
+    // line.
+    if (y4m_ != nullptr) {
+      const std::string& line = y4m_->lines[slot];
+      write_bytes(reinterpret_cast<const uint8_t*>(line.data()), 0, line.size());
+    }
     if (piped == 0) {
       write_bytes(buffer, 0, frame_);
       return;
@@ -332,8 +431,9 @@ class OverlappedFrames {
   void write_frames() {
     for (int64_t k = 0;; ++k) {
       if (!wait_past(marked_, k, stop_)) return;
-      write_frame(slot(k), static_cast<int32_t>(k % slot_count_), piped_[k % slot_count_]);
-      progress_->frame_done(frame_size_);
+      const int32_t i = static_cast<int32_t>(k % slot_count_);
+      write_frame(slot(k), i, piped_[i]);
+      progress_->frame_done(frame_size_ + (y4m_ != nullptr ? static_cast<int64_t>(y4m_->lines[i].size()) : 0));
       lock();
       written_ = k + 1;
       signal();
@@ -355,6 +455,7 @@ class OverlappedFrames {
   const StopSignals* stops_;   // where a stop signal is taken
   ChromaPipe* chroma_;         // chroma moved from pipe to pipe, or null
   SeedScan* scans_;            // per slot: the seed of its frame, summed by the reader; or null
+  Y4mFraming* y4m_;            // y4m input: FRAME lines; null for raw frames
   size_t luma_;                // bytes of the luma plane
   // Per slot: chroma bytes of its frame in its pipe (set by the
   // reader before the frame counts as read).
@@ -369,6 +470,7 @@ class OverlappedFrames {
   int64_t marked_ = 0;    // frames marked by the filter
   int64_t written_ = 0;   // frames completely written
   bool input_ended_ = false;
+  bool bad_line_ = false;  // the input ended at a line that is not a FRAME line
   bool stop_reading_ = false;
   bool reader_done_ = false;
   bool stop_ = false;
@@ -376,16 +478,13 @@ class OverlappedFrames {
 
 }  // namespace
 
-// The frame loop. Large frames without an embedding log are streamed with
-// reading and writing overlapped; the log is rewritten by every frame, so
-// with a log each frame is marked only after the one before it is written,
-// exactly as in the plain loop, which is then used.
-LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
-                      FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
-                      size_t prefill, const StopSignals* stops) {
-  if (frame_size < kOverlapMinFrame || logging) {
-    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
-  }
+namespace {
+
+// The overlapped loop for raw frames (header null) or y4m frames; falls back
+// to the plain loops when its threads cannot be had.
+LoopEnd stream_overlapped(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
+                          FILE* out, int32_t width, int32_t height, int32_t seed, size_t prefill,
+                          const StopSignals* stops, const Y4mHeader* header) {
   // Nothing else writes the output during the loop; what the stream holds
   // goes out before the frames.
   std::fflush(out);
@@ -413,21 +512,64 @@ LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_si
   for (int32_t i = 0; scanning && i < slot_count; ++i) {
     scanning = wm_filter_seed_scan_init(filter, width, height, &scans[i]);
   }
+  Y4mFraming framing;
+  if (header != nullptr) framing.stream = in;
   LoopEnd end;
   {
     Progress progress;
     OverlappedFrames frames(filter, slots, slot_count, frame_size, in_fd, out_fd, width, height,
-                            seed, prefill, stops, piped ? &chroma : nullptr, scanning ? scans : nullptr);
+                            seed, prefill, stops, piped ? &chroma : nullptr, scanning ? scans : nullptr,
+                            header != nullptr ? &framing : nullptr);
     if (frames.start()) {
+      // The writer writes nothing before the first frame is marked, in run.
+      if (header != nullptr) {
+        std::fwrite(header->line.data(), 1, header->line.size(), out);
+        std::fflush(out);
+      }
       end = frames.run(&progress);
     } else {
       progress.finish();
-      end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
+      if (header != nullptr) {
+        end = run_y4m_frames(filter, *header, buffer, in, out, seed, stops) ? LoopEnd::Done
+                                                                            : LoopEnd::Failed;
+      } else {
+        end = run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
+      }
     }
   }
   chroma_pipe_close(&chroma);
   for (SeedScan& scan : scans) seed_scan_free(&scan);
   for (int32_t i = 2; i < slot_count; ++i) std::free(slots[i]);
+  return end;
+}
+
+}  // namespace
+
+// The frame loop. Large frames without an embedding log are streamed with
+// reading and writing overlapped; the log is rewritten by every frame, so
+// with a log each frame is marked only after the one before it is written,
+// exactly as in the plain loop, which is then used.
+LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
+                      FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
+                      size_t prefill, const StopSignals* stops) {
+  if (frame_size < kOverlapMinFrame || logging) {
+    return run_frames(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops);
+  }
+  return stream_overlapped(filter, buffer, frame_size, in, out, width, height, seed, prefill, stops,
+                           nullptr);
+}
+
+LoopEnd stream_y4m_frames(WatermarkFilter* filter, const Y4mHeader& header, uint8_t* buffer,
+                          FILE* in, FILE* out, int32_t seed, bool logging, const StopSignals* stops) {
+  const int64_t frame_size = y4m_frame_bytes(header);
+  if (frame_size < kOverlapMinFrame || logging) {
+    const bool done = run_y4m_frames(filter, header, buffer, in, out, seed, stops);
+    std::fflush(out);
+    return done ? LoopEnd::Done : LoopEnd::Failed;
+  }
+  const LoopEnd end = stream_overlapped(filter, buffer, frame_size, in, out, header.width,
+                                        header.height, seed, 0, stops, &header);
+  std::fflush(out);
   return end;
 }
 

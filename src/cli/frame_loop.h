@@ -7,6 +7,7 @@
 #include <string>
 
 #include "cli/stop_signals.h"
+#include "cli/y4m.h"
 #include "filter/filter.h"
 
 namespace lumamark {
@@ -27,6 +28,8 @@ bool frame_size_wrapped(int64_t frame_size, int32_t width, int32_t height);
 enum class LoopEnd {
   Done,          // the input ended (a partial last frame is dropped)
   FilterFailed,  // the filter failed on a frame; "Error applying watermark" was reported
+  Malformed,     // a y4m line was not a FRAME line; its error was reported
+  Failed,        // the plain y4m loop failed; its error was reported
 };
 
 // Streams whole frames from in to out through the filter until the input
@@ -42,6 +45,15 @@ enum class LoopEnd {
 LoopEnd stream_frames(WatermarkFilter* filter, uint8_t* buffer, int64_t frame_size, FILE* in,
                       FILE* out, int32_t width, int32_t height, int32_t seed, bool logging,
                       size_t prefill, const StopSignals* stops);
+
+// The same for y4m input, after its header (already read from in): writes
+// the header, then every whole frame with its FRAME line, unchanged. A line
+// that is not a FRAME line is reported ("Error: malformed y4m FRAME line
+// before frame N") once the frames before it are written; a FRAME line cut
+// short at the end of the input is dropped like a partial frame. buffer
+// holds two frames.
+LoopEnd stream_y4m_frames(WatermarkFilter* filter, const Y4mHeader& header, uint8_t* buffer,
+                          FILE* in, FILE* out, int32_t seed, bool logging, const StopSignals* stops);
 
 // Where the frames start in a regular output file; other outputs are not
 // examined.

@@ -55,6 +55,18 @@ namespace {
 // pointers; the tool runs on glibc only).
 size_t buffered(FILE* f) { return static_cast<size_t>(f->_IO_read_end - f->_IO_read_ptr); }
 
+}  // namespace
+
+void take_read_ahead(FILE* in, std::string* to) {
+  const size_t n = buffered(in);
+  if (n == 0) return;
+  const size_t had = to->size();
+  to->resize(had + n);
+  to->resize(had + std::fread(to->data() + had, 1, n, in));
+}
+
+namespace {
+
 // Reads n bytes into to: first what the stream has buffered, then from its
 // descriptor, waiting before every read so that a stop signal is taken there.
 // False when the input ends, or a stop signal arrives, before n bytes.

@@ -43,7 +43,9 @@ enum class PeekResult { kRaw, kY4m, kRefused };
 // reports it where it reports an unopenable input).
 PeekResult peek_input(const std::string& path, PeekedInput* in, std::string* error);
 
-// The embedder's frame loop for y4m: writes the header, then for every whole
+// The embedder's plain frame loop for y4m, one frame at a time (small
+// frames, runs with an embedding log; larger frames are streamed by
+// stream_y4m_frames, with the same output): writes the header, then for every whole
 // frame its FRAME line, unchanged, and the frame with its luma marked.
 // buffer holds one frame. A partial last frame is dropped, as with raw
 // input. A stop signal (stops) is taken only while waiting for input and
@@ -52,6 +54,11 @@ PeekResult peek_input(const std::string& path, PeekedInput* in, std::string* err
 // standard error.
 bool run_y4m_frames(WatermarkFilter* filter, const Y4mHeader& header, uint8_t* buffer, FILE* in,
                     FILE* out, int32_t seed, const StopSignals* stops);
+
+// Appends to *to the bytes the stream has read ahead of its descriptor (the
+// rest of the buffer filled while its header was read), taking them from
+// the stream, so that reading may go on with the descriptor alone.
+void take_read_ahead(FILE* in, std::string* to);
 
 // Whole frames of a peeked input, raw or y4m, for readers that only look at
 // them (the detector).

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "e2e/e2e_util.h"
@@ -259,18 +260,23 @@ TEST(DataSafety, SignalEndsTheRunOnAFrameBoundary) {
     EXPECT_EQ(r.out.size(), 2 * c.frame) << what;
     EXPECT_TRUE(r.out == full.out.substr(0, 2 * c.frame)) << what;
   }
-  // y4m: the header and two whole FRAME records, then half a frame.
-  const std::string head = "YUV4MPEG2 W64 H48 F25:1 C420jpeg\n", frame_line = "FRAME\n";
-  std::string y4m = head;
-  for (int f = 0; f < 3; ++f) y4m += frame_line + random_bytes(kSmallFrame, 10 + f);
-  const RunResult full = run_tool({"--wm-id", "5"}, y4m);
-  ASSERT_TRUE(full.exited(0)) << full.err;
-  const size_t record = frame_line.size() + kSmallFrame;
-  const RunResult r = interrupt_run({"--wm-id", "5"}, y4m.substr(0, head.size() + 2 * record + kSmallFrame / 2),
-                                    dir.file("out.y4m"), SIGTERM);
-  EXPECT_EQ(r.signal, SIGTERM) << "y4m: status " << r.status;
-  EXPECT_EQ(r.out.size(), head.size() + 2 * record);
-  EXPECT_TRUE(r.out == full.out.substr(0, head.size() + 2 * record));
+  // y4m: the header and two whole FRAME records, then half a frame; small
+  // frames in the plain loop, large ones read ahead and written behind.
+  for (const auto& [w, h] : {std::pair{64, 48}, std::pair{256, 176}}) {
+    const size_t frame = static_cast<size_t>(w * h * 3 / 2);
+    const std::string head = "YUV4MPEG2 W" + std::to_string(w) + " H" + std::to_string(h) + " F25:1 C420jpeg\n";
+    const std::string frame_line = "FRAME\n";
+    std::string y4m = head;
+    for (int f = 0; f < 3; ++f) y4m += frame_line + random_bytes(frame, 10 + f);
+    const RunResult full = run_tool({"--wm-id", "5"}, y4m);
+    ASSERT_TRUE(full.exited(0)) << full.err;
+    const size_t record = frame_line.size() + frame;
+    const RunResult r = interrupt_run({"--wm-id", "5"}, y4m.substr(0, head.size() + 2 * record + frame / 2),
+                                      dir.file("out.y4m"), SIGTERM);
+    EXPECT_EQ(r.signal, SIGTERM) << "y4m " << w << "x" << h << ": status " << r.status;
+    EXPECT_EQ(r.out.size(), head.size() + 2 * record) << "y4m " << w << "x" << h;
+    EXPECT_TRUE(r.out == full.out.substr(0, head.size() + 2 * record)) << "y4m " << w << "x" << h;
+  }
 }
 
 }  // namespace

@@ -180,5 +180,62 @@ TEST(Y4m, EndsOfStream) {
   }
 }
 
+// Frames of 64 KiB and more are read ahead and written behind on threads of
+// their own, the FRAME lines read in pieces that also take the start of the
+// frame. Whatever the lines, the pieces the input comes in and the way the
+// stream ends, the output, status and message must be those of the plain
+// loop, which an embedding log selects.
+TEST(Y4mStreamed, SameAsThePlainLoop) {
+  TempDir dir;
+  struct Format {
+    const char* header;
+    size_t frame;
+  };
+  const Format formats[] = {
+      {"YUV4MPEG2 W320 H240 F25:1 Ip A1:1 C420jpeg XYSCSS=420JPEG\n", 320 * 240 * 3 / 2},
+      {"YUV4MPEG2 W241 H181 C444\n", 241 * 181 * 3},
+      {"YUV4MPEG2 W321 H241 C420\n", 321 * 241 + 2 * 161 * 121},
+  };
+  for (const Format& f : formats) {
+    std::string frames = f.header;
+    // Plain lines, lines with parameters, and a line longer than a read piece.
+    const std::string lines[] = {"FRAME\n", "FRAME Ip XA=1\n", "FRAME X" + std::string(5000, 'p') + "\n", "FRAME\n"};
+    uint32_t seed = 40;
+    for (const std::string& line : lines) frames += line + random_bytes(f.frame, seed++);
+    struct Ending {
+      std::string tail;
+      const char* what;
+    };
+    const Ending endings[] = {
+        {"", "whole frames"},
+        {"FRAME\n" + random_bytes(f.frame / 2, 9), "a partial frame"},
+        {"FRA", "a FRAME line cut short"},
+        {"FRAMEX\n" + random_bytes(f.frame, 9), "a line that is not a FRAME line"},
+        {"FRAME " + std::string(70000, 'x'), "a line too long"},
+    };
+    for (const Ending& e : endings) {
+      const std::string input = frames + e.tail;
+      write_file(dir.file("in.y4m"), input);
+      const Args args = {"--wm-id", "1A2B", "--threads", "0"};
+      const RunResult plain = run_tool(cat(args, {"--embed-log", dir.file("log.json")}), input);
+      ASSERT_TRUE(plain.status == 0 || plain.status == 1) << plain.err;
+      ASSERT_GE(plain.out.size(), 4 * f.frame);
+      for (size_t piece : {size_t{0}, size_t{97}, size_t{100003}}) {
+        const RunResult streamed = run_tool(args, InputPlan{input, piece, std::chrono::microseconds(0)});
+        EXPECT_EQ(streamed.status, plain.status) << e.what << ", piece " << piece;
+        EXPECT_EQ(streamed.err, plain.err) << e.what << ", piece " << piece;
+        EXPECT_TRUE(streamed.out == plain.out) << f.header << e.what << ", piece " << piece;
+      }
+      // From a file, as standard input and by name (its chroma spliced).
+      const RunResult from_file = run_shell(shell_words(args) + " <'" + dir.file("in.y4m") + "'");
+      EXPECT_EQ(from_file.status, plain.status) << e.what;
+      EXPECT_TRUE(from_file.out == plain.out) << f.header << e.what << ", from a file";
+      const RunResult named = run_tool(cat(args, {"--input-file", dir.file("in.y4m"), "--output-file", dir.file("out.y4m")}));
+      EXPECT_EQ(named.err, plain.err) << e.what;
+      EXPECT_TRUE(read_file(dir.file("out.y4m")) == plain.out) << f.header << e.what << ", file to file";
+    }
+  }
+}
+
 }  // namespace
 }  // namespace lumamark::test
