@@ -17,7 +17,8 @@
 #   milliseconds per frame of the lumamark process and its peak resident set
 #   size.
 # Settings: perceptual modes 0 to 3, deep-fake, FEC 0 and 2, each with
-# --threads 1 and --threads 0. Then, with --threads 1 from the clip file to
+# --threads 1 and --threads 0, and the defaults on the same frames as y4m
+# (made from the raw clip, kept beside it). Then, with --threads 1 from the clip file to
 # /dev/null (no pipe), user and system milliseconds per frame: the CPU cost
 # of marking with the least I/O. Last, lumamark-detect on the marked 1080p
 # clip with --threads 1: user milliseconds per frame. --lumamark times
@@ -116,15 +117,34 @@ bench_size() {  # width height frames
   mb=$(calc "$frame_bytes * $frames / 1000000")
   cat "$in" > /dev/null  # into the page cache
 
+  # The same frames as y4m (a header, and a FRAME line before each frame).
+  local y4m="${in%.yuv}.y4m"
+  if [ ! -s "$y4m" ]; then
+    {
+      printf 'YUV4MPEG2 W%d H%d F25:1 Ip A1:1 C420jpeg\n' "$w" "$h"
+      local f
+      for ((f = 0; f < frames; f++)); do
+        printf 'FRAME\n'
+        tail -c +$((f * frame_bytes + 1)) "$in" | head -c "$frame_bytes"
+      done
+    } > "$y4m.tmp" && mv "$y4m.tmp" "$y4m"
+  fi
+  cat "$y4m" > /dev/null
+
   local names=("cat")
   local cmds=("cat")
+  local inputs=("$in")
   local s t
   for s in "${settings[@]}"; do
     for t in 1 0; do
       names+=("${s%%|*}, --threads $t")
       cmds+=("$lumamark --width $w --height $h --threads $t ${s#*|}")
+      inputs+=("$in")
     done
   done
+  names+=("defaults, y4m, --threads 0")
+  cmds+=("$lumamark --threads 0")
+  inputs+=("$y4m")
 
   # Repetitions interleave all settings, so that a slow moment of the
   # machine touches them alike.
@@ -132,7 +152,7 @@ bench_size() {  # width height frames
   for ((r = 0; r < reps; r++)); do
     for i in "${!cmds[@]}"; do
       # shellcheck disable=SC2086
-      run_once "$in" ${cmds[$i]} >> "$work/res_$i"
+      run_once "${inputs[$i]}" ${cmds[$i]} >> "$work/res_$i"
     done
   done
 

@@ -326,6 +326,7 @@ class OverlappedFrames {
       size_t fill = k == 0 ? prefill_ : 0;  // bytes of the frame had so far, in order
       size_t piped = 0;   // of which chroma bytes in the slot's pipe
       bool piping = chroma_ != nullptr;
+      if (piping) chroma_pipe_begin(chroma_, static_cast<int32_t>(k % slot_count_));
       SeedScan* scan = scans_ != nullptr ? &scans_[k % slot_count_] : nullptr;
       if (scan != nullptr) seed_scan_restart(scan);
       if (y4m_ != nullptr) {
@@ -421,10 +422,10 @@ class OverlappedFrames {
     }
     const size_t luma = chroma_->luma;
     if (!write_bytes(buffer, 0, luma)) {
-      chroma_pipe_drain_to(chroma_, slot, -1, piped);
+      chroma_pipe_drain_to(chroma_, slot, -1);
       return;
     }
-    if (!chroma_pipe_drain_to(chroma_, slot, out_fd_, piped)) return;
+    if (!chroma_pipe_drain_to(chroma_, slot, out_fd_)) return;
     write_bytes(buffer, luma + piped, frame_);
   }
 

@@ -45,10 +45,43 @@ bool write_all(int fd, const char* bytes, size_t size) {
   return true;
 }
 
-// Each pipe is asked to hold one frame's chroma; the system may allow less
-// (1 MiB unless the process may raise the limit).
+// Each pipe is asked to hold the rest of a frame's chroma; the system may
+// allow less (1 MiB unless the process may raise the limit).
 constexpr int64_t kMaxPipeBytes = 16 * 1024 * 1024;
 constexpr int64_t kMinPipeBytes = 64 * 1024;
+
+// Moves bytes from fd (a pipe) to out_fd, or drops them with out_fd -1;
+// false when the output did not take them all (the rest is then dropped).
+// *copying is set once the output refuses splices, and they are then copied
+// through memory.
+bool drain_pipe(int fd, size_t bytes, int out_fd, bool* copying, bool* failed) {
+  size_t left = bytes;
+  while (left > 0 && out_fd >= 0 && !*copying && !*failed) {
+    const ssize_t moved = splice(fd, nullptr, out_fd, nullptr, left, SPLICE_F_MOVE);
+    if (moved < 0 && errno == EINTR) continue;
+    if (moved < 0 && errno == EINVAL) {
+      *copying = true;
+      break;
+    }
+    if (moved <= 0) {
+      *failed = true;
+      break;
+    }
+    left -= static_cast<size_t>(moved);
+  }
+  // What is not spliced is read from the pipe, and written when the output
+  // cannot be spliced to, or dropped when it failed.
+  char sink[16384];
+  while (left > 0) {
+    const ssize_t got = read(fd, sink, left < sizeof sink ? left : sizeof sink);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    left -= static_cast<size_t>(got);
+    if (out_fd < 0 || *failed) continue;
+    if (*copying && !write_all(out_fd, sink, static_cast<size_t>(got))) *failed = true;
+  }
+  return out_fd >= 0 && !*failed && left == 0;
+}
 
 }  // namespace
 
@@ -57,24 +90,35 @@ bool chroma_pipe_open(ChromaPipe* pipe, int32_t count, int in_fd, int out_fd, in
   *pipe = ChromaPipe{};
   const int64_t luma = int64_t{width} * int64_t{height};
   if (width < 1 || height < 1 || luma >= frame_size) return false;
-  if (count < 1 || count > kMaxChromaPipes) return false;
+  if (count < 1 || count > kMaxChromaSlots) return false;
   if (!splice_input(in_fd) || !splice_output(out_fd)) return false;
   for (int32_t i = 0; i < count; ++i) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
+    // The first frame buffer gets enough pipes for a frame's chroma, as
+    // large as allowed (fewer only send more chroma through the frame
+    // buffer); the others get as many.
+    int64_t left = frame_size - luma;
+    int32_t j = 0;
+    for (; i == 0 ? (j < kMaxPipesPerSlot && left > 0) : j < pipe->pipes; ++j) {
+      int fds[2];
+      if (pipe2(fds, O_CLOEXEC) != 0) break;
+      pipe->read_fd[i][j] = fds[0];
+      pipe->write_fd[i][j] = fds[1];
+      int size = -1;
+      for (int64_t want = left < kMaxPipeBytes ? left : kMaxPipeBytes; want >= kMinPipeBytes && size < 0; want /= 2) {
+        size = fcntl(fds[1], F_SETPIPE_SZ, static_cast<int>(want));
+      }
+      left -= size > 0 ? size : kMinPipeBytes;
+    }
+    if (j == 0 || (i > 0 && j < pipe->pipes)) {
+      for (int32_t k = 0; k < j; ++k) {
+        close(pipe->read_fd[i][k]);
+        close(pipe->write_fd[i][k]);
+      }
       chroma_pipe_close(pipe);
       return false;
     }
-    pipe->read_fd[i] = fds[0];
-    pipe->write_fd[i] = fds[1];
+    if (i == 0) pipe->pipes = j;
     pipe->count = i + 1;
-    // As large as allowed up to one frame's chroma; a smaller pipe only
-    // sends more chroma through the frame buffer.
-    int64_t want = frame_size - luma;
-    if (want > kMaxPipeBytes) want = kMaxPipeBytes;
-    for (; want >= kMinPipeBytes; want /= 2) {
-      if (fcntl(fds[1], F_SETPIPE_SZ, static_cast<int>(want)) >= 0) break;
-    }
   }
   pipe->luma = static_cast<size_t>(luma);
   return true;
@@ -82,18 +126,30 @@ bool chroma_pipe_open(ChromaPipe* pipe, int32_t count, int in_fd, int out_fd, in
 
 void chroma_pipe_close(ChromaPipe* pipe) {
   for (int32_t i = 0; i < pipe->count; ++i) {
-    close(pipe->read_fd[i]);
-    close(pipe->write_fd[i]);
+    for (int32_t j = 0; j < pipe->pipes; ++j) {
+      close(pipe->read_fd[i][j]);
+      close(pipe->write_fd[i][j]);
+    }
   }
   pipe->count = 0;
+  pipe->pipes = 0;
+}
+
+void chroma_pipe_begin(ChromaPipe* pipe, int32_t i) {
+  pipe->filling[i] = 0;
+  for (int32_t j = 0; j < pipe->pipes; ++j) pipe->held[i][j] = 0;
 }
 
 int64_t chroma_pipe_fill(ChromaPipe* pipe, int32_t i, int in_fd, size_t bytes) {
   for (;;) {
-    // The splice below must not wait on pipe i (it is emptied only
-    // once this frame is marked), so it does not wait at all, and the wait
-    // for input happens here. The frame loop cancels its reader only while
-    // it waits for input.
+    if (pipe->filling[i] >= pipe->pipes) {
+      errno = EAGAIN;
+      return -1;
+    }
+    // The splice below must not wait on a pipe of frame buffer i (they are
+    // emptied only once this frame is marked), so it does not wait at all,
+    // and the wait for input happens here. The frame loop cancels its
+    // reader only while it waits for input.
     struct pollfd input = {in_fd, POLLIN, 0};
     int old = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
@@ -103,44 +159,34 @@ int64_t chroma_pipe_fill(ChromaPipe* pipe, int32_t i, int in_fd, size_t bytes) {
       if (errno == EINTR) continue;
       return -1;
     }
+    const int32_t j = pipe->filling[i];
     // With input waiting (or its writers gone: 0 below), EAGAIN can only
-    // mean that pipe i is full.
+    // mean that pipe j is full: the next one is filled.
     const ssize_t moved =
-        splice(in_fd, nullptr, pipe->write_fd[i], nullptr, bytes, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        splice(in_fd, nullptr, pipe->write_fd[i][j], nullptr, bytes, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
     if (moved < 0 && errno == EINTR) continue;
+    if (moved < 0 && errno == EAGAIN) {
+      ++pipe->filling[i];
+      continue;
+    }
     // A file system that cannot splice its files: the caller reads the
-    // rest, as for a full pipe.
+    // rest, as for full pipes.
     if (moved < 0 && errno == EINVAL) errno = EAGAIN;
+    if (moved > 0) pipe->held[i][j] += static_cast<size_t>(moved);
     return moved;
   }
 }
 
-bool chroma_pipe_drain_to(ChromaPipe* pipe, int32_t i, int out_fd, size_t bytes) {
-  size_t left = bytes;
-  bool copying = false;  // the output cannot be spliced to: copied through memory
-  while (left > 0 && out_fd >= 0 && !copying) {
-    const ssize_t moved = splice(pipe->read_fd[i], nullptr, out_fd, nullptr, left, SPLICE_F_MOVE);
-    if (moved < 0 && errno == EINTR) continue;
-    if (moved < 0 && errno == EINVAL) {
-      copying = true;
-      break;
+bool chroma_pipe_drain_to(ChromaPipe* pipe, int32_t i, int out_fd) {
+  bool copying = false, failed = false, all = true;
+  for (int32_t j = 0; j < pipe->pipes; ++j) {
+    if (pipe->held[i][j] > 0 && !drain_pipe(pipe->read_fd[i][j], pipe->held[i][j], out_fd, &copying, &failed)) {
+      all = false;
     }
-    if (moved <= 0) break;
-    left -= static_cast<size_t>(moved);
+    pipe->held[i][j] = 0;
   }
-  if (left == 0) return true;
-  // What is not spliced is read from the pipe, and written when the output
-  // cannot be spliced to, or dropped when it failed.
-  bool taken = copying;
-  char sink[16384];
-  while (left > 0) {
-    const ssize_t got = read(pipe->read_fd[i], sink, left < sizeof sink ? left : sizeof sink);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    left -= static_cast<size_t>(got);
-    if (taken) taken = write_all(out_fd, sink, static_cast<size_t>(got));
-  }
-  return taken && left == 0;
+  pipe->filling[i] = 0;
+  return all;
 }
 
 }  // namespace lumamark

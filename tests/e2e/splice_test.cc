@@ -20,13 +20,17 @@ TEST(SplicedChroma, SameBytesAsFilesWhateverThePieces) {
   const std::string in = dir.file("in.yuv"), out = dir.file("out.yuv");
   struct Format {
     const char* pix_fmt;
-    size_t frame;  // bytes at 640 x 360
+    int32_t width, height;
+    size_t frame;
   };
-  for (const Format& f : {Format{"yuv420p", 640 * 360 * 3 / 2}, Format{"yuv444p", 640 * 360 * 3}}) {
+  // The last one's chroma needs more than one pipe of 1 MiB.
+  for (const Format& f : {Format{"yuv420p", 640, 360, 640 * 360 * 3 / 2}, Format{"yuv444p", 640, 360, 640 * 360 * 3},
+                          Format{"yuv444p", 1280, 720, 1280 * 720 * 3}}) {
     // Five whole frames and a partial one, which is dropped.
     const std::string frames = random_bytes(5 * f.frame + f.frame / 3, 21);
     write_file(in, frames);
-    const Args args = {"--width", "640", "--height", "360", "--pix-fmt", f.pix_fmt, "--threads", "1"};
+    const Args args = {"--width", std::to_string(f.width), "--height", std::to_string(f.height),
+                       "--pix-fmt", f.pix_fmt, "--threads", "1"};
     const RunResult files =
         run_tool(cat(args, {"--input-file", in, "--output-file", out, "--embed-log", dir.file("log")}));
     ASSERT_TRUE(files.exited(0)) << files.err;
@@ -35,6 +39,7 @@ TEST(SplicedChroma, SameBytesAsFilesWhateverThePieces) {
     // All at once, in pieces that fill a pipe slot each with little data,
     // and in pieces that straddle the plane boundaries.
     for (size_t piece : {size_t{0}, size_t{97}, size_t{100003}}) {
+      if (piece == 97 && f.width > 640) continue;  // slow, and no different
       const RunResult piped = run_tool(args, InputPlan{frames, piece, std::chrono::microseconds(0)});
       EXPECT_TRUE(piped.exited(0)) << f.pix_fmt << " piece " << piece << ": " << piped.err;
       EXPECT_TRUE(piped.out == want) << f.pix_fmt << " piece " << piece;
