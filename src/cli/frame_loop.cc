@@ -324,7 +324,6 @@ class OverlappedFrames {
       uint8_t* buffer = slot(k);
       // The start of the first frame may already be in its buffer.
       size_t fill = k == 0 ? prefill_ : 0;  // bytes of the frame had so far, in order
-      size_t piped = 0;   // of which chroma bytes in the slot's pipe
       bool piping = chroma_ != nullptr;
       if (piping) chroma_pipe_begin(chroma_, static_cast<int32_t>(k % slot_count_));
       SeedScan* scan = scans_ != nullptr ? &scans_[k % slot_count_] : nullptr;
@@ -354,7 +353,6 @@ class OverlappedFrames {
                                                   frame_ - fill);
           if (moved > 0) {
             fill += static_cast<size_t>(moved);
-            piped += static_cast<size_t>(moved);
             continue;
           }
           // The slot's pipe is full: the rest goes through the buffer.
@@ -380,7 +378,6 @@ class OverlappedFrames {
       }
       lock();
       if (fill == frame_) {
-        piped_[k % slot_count_] = piped;
         read_ = k + 1;
       } else {
         input_ended_ = true;
@@ -394,46 +391,34 @@ class OverlappedFrames {
     unlock();
   }
 
-  // Writes buffer[from, to); false when the output does not take it all.
-  bool write_bytes(const uint8_t* buffer, size_t from, size_t to) {
-    size_t done = from;
-    while (done < to) {
-      const ssize_t put = write(out_fd_, buffer + done, to - done);
-      if (put < 0 && errno == EINTR) continue;
-      if (put <= 0) return false;
-      done += static_cast<size_t>(put);
-    }
-    return true;
-  }
-
   // Writes one whole frame, whose first piped chroma bytes wait in the
-  // pipe of its slot; what the output does not take is lost, as in the plain loop
-  // (piped bytes are then dropped from the pipe all the same).
+  // pipes of its slot; what the output does not take is lost, as in the plain loop
+  // (piped bytes are then dropped from the pipes all the same).
   void write_frame(const uint8_t* buffer, int32_t slot, size_t piped) {
     // As in the plain y4m loop, the frame is written whatever became of its
     // line.
     if (y4m_ != nullptr) {
       const std::string& line = y4m_->lines[slot];
-      write_bytes(reinterpret_cast<const uint8_t*>(line.data()), 0, line.size());
+      write_all(out_fd_, line.data(), line.size());
     }
     if (piped == 0) {
-      write_bytes(buffer, 0, frame_);
+      write_all(out_fd_, buffer, frame_);
       return;
     }
     const size_t luma = chroma_->luma;
-    if (!write_bytes(buffer, 0, luma)) {
+    if (!write_all(out_fd_, buffer, luma)) {
       chroma_pipe_drain_to(chroma_, slot, -1);
       return;
     }
     if (!chroma_pipe_drain_to(chroma_, slot, out_fd_)) return;
-    write_bytes(buffer, luma + piped, frame_);
+    write_all(out_fd_, buffer + luma + piped, frame_ - luma - piped);
   }
 
   void write_frames() {
     for (int64_t k = 0;; ++k) {
       if (!wait_past(marked_, k, stop_)) return;
       const int32_t i = static_cast<int32_t>(k % slot_count_);
-      write_frame(slot(k), i, piped_[i]);
+      write_frame(slot(k), i, chroma_ != nullptr ? chroma_pipe_held(chroma_, i) : 0);
       progress_->frame_done(frame_size_ + (y4m_ != nullptr ? static_cast<int64_t>(y4m_->lines[i].size()) : 0));
       lock();
       written_ = k + 1;
@@ -458,9 +443,6 @@ class OverlappedFrames {
   SeedScan* scans_;            // per slot: the seed of its frame, summed by the reader; or null
   Y4mFraming* y4m_;            // y4m input: FRAME lines; null for raw frames
   size_t luma_;                // bytes of the luma plane
-  // Per slot: chroma bytes of its frame in its pipe (set by the
-  // reader before the frame counts as read).
-  size_t piped_[kSlots] = {};
   Progress* progress_ = nullptr;
   pthread_t reader_{};
   pthread_t writer_{};

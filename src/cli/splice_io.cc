@@ -33,18 +33,6 @@ bool splice_output(int fd) {
   return flags >= 0 && (flags & O_APPEND) == 0;
 }
 
-// Writes all of bytes; false when the output does not take them.
-bool write_all(int fd, const char* bytes, size_t size) {
-  while (size > 0) {
-    const ssize_t put = write(fd, bytes, size);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    bytes += put;
-    size -= static_cast<size_t>(put);
-  }
-  return true;
-}
-
 // Each pipe is asked to hold the rest of a frame's chroma; the system may
 // allow less (1 MiB unless the process may raise the limit).
 constexpr int64_t kMaxPipeBytes = 16 * 1024 * 1024;
@@ -84,6 +72,18 @@ bool drain_pipe(int fd, size_t bytes, int out_fd, bool* copying, bool* failed) {
 }
 
 }  // namespace
+
+bool write_all(int fd, const void* bytes, size_t size) {
+  const char* at = static_cast<const char*>(bytes);
+  while (size > 0) {
+    const ssize_t put = write(fd, at, size);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    at += put;
+    size -= static_cast<size_t>(put);
+  }
+  return true;
+}
 
 bool chroma_pipe_open(ChromaPipe* pipe, int32_t count, int in_fd, int out_fd, int64_t frame_size,
                       int32_t width, int32_t height) {
@@ -133,6 +133,12 @@ void chroma_pipe_close(ChromaPipe* pipe) {
   }
   pipe->count = 0;
   pipe->pipes = 0;
+}
+
+size_t chroma_pipe_held(const ChromaPipe* pipe, int32_t i) {
+  size_t held = 0;
+  for (int32_t j = 0; j < pipe->pipes; ++j) held += pipe->held[i][j];
+  return held;
 }
 
 void chroma_pipe_begin(ChromaPipe* pipe, int32_t i) {

@@ -44,6 +44,9 @@ bool chroma_pipe_open(ChromaPipe* pipe, int32_t count, int in_fd, int out_fd, in
 // Closes the pipes (what is left in them is dropped).
 void chroma_pipe_close(ChromaPipe* pipe);
 
+// Bytes of chroma the pipes of frame buffer i hold.
+size_t chroma_pipe_held(const ChromaPipe* pipe, int32_t i);
+
 // Starts the chroma of a new frame in the pipes of frame buffer i, which
 // are empty (the frame before it in that buffer was drained).
 void chroma_pipe_begin(ChromaPipe* pipe, int32_t i);
@@ -60,5 +63,9 @@ int64_t chroma_pipe_fill(ChromaPipe* pipe, int32_t i, int in_fd, size_t bytes);
 // out not to take splices. False when the output did not take it all; the
 // rest is then drained from the pipes, which are empty again either way.
 bool chroma_pipe_drain_to(ChromaPipe* pipe, int32_t i, int out_fd);
+
+// Writes all size bytes to fd, again after an interruption; false when the
+// output does not take them all.
+bool write_all(int fd, const void* bytes, size_t size);
 
 }  // namespace lumamark
