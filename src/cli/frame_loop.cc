@@ -263,6 +263,14 @@ class OverlappedFrames {
     return readable;
   }
 
+  // Sums the seed over the luma rows completed by the first fill bytes of
+  // the frame in buffer (no scan: nothing).
+  void scan_arrived(SeedScan* scan, const uint8_t* buffer, size_t fill) {
+    if (scan == nullptr) return;
+    const size_t luma_had = fill < luma_ ? fill : luma_;
+    seed_scan_rows(scan, buffer, width_, static_cast<int64_t>(luma_had / static_cast<size_t>(width_)));
+  }
+
   // Copies up to room bytes read past the last FRAME line to to; returns
   // how many.
   size_t take_carry(uint8_t* to, size_t room) {
@@ -340,10 +348,7 @@ class OverlappedFrames {
         }
         // Bytes read past the line start the frame.
         fill = take_carry(buffer, frame_);
-        if (scan != nullptr) {
-          const size_t luma_had = fill < luma_ ? fill : luma_;
-          seed_scan_rows(scan, buffer, width_, static_cast<int64_t>(luma_had / static_cast<size_t>(width_)));
-        }
+        scan_arrived(scan, buffer, fill);
       }
       while (fill < frame_) {
         if (piping && fill >= chroma_->luma) {
@@ -371,10 +376,7 @@ class OverlappedFrames {
         // frame is dropped.
         if (got <= 0) break;
         fill += static_cast<size_t>(got);
-        if (scan != nullptr) {
-          const size_t luma_had = fill < luma_ ? fill : luma_;
-          seed_scan_rows(scan, buffer, width_, static_cast<int64_t>(luma_had / static_cast<size_t>(width_)));
-        }
+        scan_arrived(scan, buffer, fill);
       }
       lock();
       if (fill == frame_) {
